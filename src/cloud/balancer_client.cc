@@ -1,0 +1,311 @@
+#include "cloud/balancer_client.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "cloud/backoff.h"
+#include "core/clock.h"
+#include "core/context.h"
+#include "core/log.h"
+#include "core/signals.h"
+#include "core/tcp.h"
+
+static constexpr time_t SOCKET_TIMEOUT = 5;       // seconds, of each receive and each send
+static constexpr int64_t STOP_LIMIT = 5'000;      // ms that an attempt may go on after a stop
+static constexpr int64_t RECEIVE_LIMIT = 60'000;  // ms for a whole response, however slow
+static constexpr int FIRST_DELAY = 1;             // seconds
+static constexpr int DELAY_CAP = 60;              // seconds
+static constexpr size_t RESPONSE_SIZE = 4096;     // bytes, without the terminator
+static constexpr size_t MIN_RESPONSE_SIZE = 64;   // bytes
+static constexpr size_t REQUEST_ROOM = 512;       // bytes beside the inserted values
+static constexpr int HTTP_OK = 200;
+
+static constexpr std::string_view BLANK_LINE = "\r\n\r\n";
+
+// Agent to balancer. The Host header carries the address only; values are not percent-encoded.
+static constexpr char ID_REQUEST[] =
+    "GET /balancer/uuid HTTP/1.1\r\n"
+    "Host: %s\r\n"
+    "Connection: close\r\n"
+    "Content-Type: text/xml\r\n"
+    "Content-Length: 0\r\n"
+    "\r\n";
+static constexpr char SERVER_REQUEST[] =
+    "GET /balancer/server/%s?vendor=%s&model=%s HTTP/1.1\r\n"
+    "Host: %s\r\n"
+    "Connection: close\r\n"
+    "Content-Type: text/xml\r\n"
+    "Content-Length: 0\r\n"
+    "\r\n";
+
+// The buffers of one operation; they live for all its attempts.
+struct Exchange {
+  Text request;
+  size_t request_size = 0;
+  Text response;        // RESPONSE_SIZE bytes and a terminator
+  size_t received = 0;  // bytes of the response so far
+
+  [[nodiscard]] std::string_view text() const { return {response.get(), received}; }
+};
+
+static bool allocate_buffers(Exchange *exchange, size_t request_size) {
+  exchange->response = Text(static_cast<char *>(malloc(RESPONSE_SIZE + 1)));
+  if (!exchange->response) {
+    log_message(LOG_ERROR, "Failed to allocate response buffer");
+    return false;
+  }
+  exchange->request = Text(static_cast<char *>(malloc(request_size)));
+  if (!exchange->request) {
+    log_message(LOG_ERROR, "Failed to allocate request buffer");
+    return false;
+  }
+  exchange->request_size = request_size;
+  return true;
+}
+
+static bool set_timeouts(int socket) {
+  const timeval timeout = {.tv_sec = SOCKET_TIMEOUT, .tv_usec = 0};
+  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0 &&
+         setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0;
+}
+
+// A new socket with its time-outs; none (logged) on failure.
+static Fd open_socket() {
+  Fd connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!connection) {
+    log_message(LOG_ERROR, "Failed to create socket: %s", strerror(errno));
+    return Fd();
+  }
+  if (!set_timeouts(connection.get())) {
+    log_message(LOG_ERROR, "Failed to set socket timeouts: %s", strerror(errno));
+    return Fd();
+  }
+  return connection;
+}
+
+static bool convert_address(sockaddr_in *address) {
+  const AgentConfig &config = proxy_context.config;
+  return tcp_address(config.api_server, config.api_port, address);
+}
+
+static bool connect_to(const Fd &connection, const sockaddr_in &address) {
+  if (tcp_connect(connection.get(), address)) return true;
+  log_message(LOG_ERROR, "Connect failed: %s", strerror(errno));
+  return false;
+}
+
+static bool send_request(const Fd &connection, const Exchange &exchange) {
+  std::string_view rest = exchange.request.get();
+  while (!rest.empty()) {
+    const ssize_t sent = send(connection.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
+    if (sent >= 0) {
+      rest.remove_prefix(static_cast<size_t>(sent));
+    } else if (errno != EINTR) {
+      log_message(LOG_ERROR, "Failed to send request: %s", strerror(errno));
+      return false;
+    }
+  }
+  return true;
+}
+
+enum class Chunk { DATA, CLOSED, FAILED };
+
+// Adds one chunk to the response and terminates it. A balancer that drips its answer may neither
+// hold the attempt past `deadline` nor, once a stop is asked for, longer than a silent one could.
+static Chunk receive_chunk(const Fd &connection, Exchange *exchange, int64_t *deadline) {
+  for (;;) {
+    const int64_t now = monotonic_ms();
+    if (!agent_running()) *deadline = std::min(*deadline, now + STOP_LIMIT);
+    if (now > *deadline) {
+      log_message(LOG_ERROR, "Receive error: %s", strerror(ETIMEDOUT));
+      return Chunk::FAILED;
+    }
+    const ssize_t count = recv(connection.get(), exchange->response.get() + exchange->received,
+                               RESPONSE_SIZE - exchange->received, 0);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) {
+      log_message(LOG_ERROR, "Receive error: %s", strerror(errno));
+      return Chunk::FAILED;
+    }
+    exchange->received += static_cast<size_t>(count);
+    exchange->response[exchange->received] = '\0';
+    return count == 0 ? Chunk::CLOSED : Chunk::DATA;
+  }
+}
+
+static bool has_blank_line(const Exchange &exchange) {
+  return exchange.text().find(BLANK_LINE) != std::string_view::npos;
+}
+
+static bool is_size_sound(const Exchange &exchange) {
+  if (exchange.received >= MIN_RESPONSE_SIZE) return true;
+  log_message(LOG_ERROR, "Invalid response size or incomplete: %zu", exchange.received);
+  return false;
+}
+
+// Reads up to the chunk that brings the blank line; a body in a later chunk is not read.
+static bool receive_id_response(const Fd &connection, Exchange *exchange) {
+  int64_t deadline = monotonic_ms() + RECEIVE_LIMIT;
+  for (;;) {
+    const Chunk chunk = receive_chunk(connection, exchange, &deadline);
+    if (chunk == Chunk::FAILED) return false;
+    if (chunk == Chunk::CLOSED || has_blank_line(*exchange)) return is_size_sound(*exchange);
+    if (exchange->received == RESPONSE_SIZE) {
+      log_message(LOG_ERROR, "Invalid response size or incomplete: %zu", exchange->received);
+      return false;
+    }
+  }
+}
+
+// As above, but a full response area is refused before it is searched.
+static bool receive_server_response(const Fd &connection, Exchange *exchange) {
+  int64_t deadline = monotonic_ms() + RECEIVE_LIMIT;
+  for (;;) {
+    const Chunk chunk = receive_chunk(connection, exchange, &deadline);
+    if (chunk == Chunk::FAILED) return false;
+    if (exchange->received >= RESPONSE_SIZE) {
+      log_message(LOG_ERROR, "Response too large");
+      return false;
+    }
+    if (chunk == Chunk::CLOSED || has_blank_line(*exchange)) return is_size_sound(*exchange);
+  }
+}
+
+static bool check_status(const Exchange &exchange) {
+  int status = 0;
+  if (parse_http_status(exchange.response.get(), exchange.received, &status) && status == HTTP_OK) {
+    return true;
+  }
+  log_message(LOG_ERROR, "Invalid HTTP response: %d", status);
+  return false;
+}
+
+static bool read_id_answer(const Exchange &exchange, Text *id) {
+  std::string_view body = exchange.text();
+  const size_t blank_line = body.find(BLANK_LINE);
+  if (blank_line == std::string_view::npos) {
+    log_message(LOG_ERROR, "Malformed response - no body delimiter");
+    return false;
+  }
+  body.remove_prefix(blank_line + BLANK_LINE.size());
+  if (!extract_message_id(body.data(), body.size(), id)) return false;
+  log_message(LOG_DEBUG, "Fetched new cloud ID from the API server");
+  return true;
+}
+
+static bool read_server_answer(const Exchange &exchange, CloudServerInfo *info) {
+  if (!parse_server_message(exchange.text(), info)) return false;
+  log_message(LOG_DEBUG, "Resolved cloud server: %s:%d", info->host.get(), int{info->port});
+  return true;
+}
+
+enum class Attempt { SUCCEEDED, FAILED, FATAL };
+
+static Attempt attempt_result(bool succeeded) {
+  return succeeded ? Attempt::SUCCEEDED : Attempt::FAILED;
+}
+
+static void clear_response(Exchange *exchange) {
+  exchange->received = 0;
+  exchange->response[0] = '\0';
+}
+
+// `length` is what snprintf would have written.
+static bool fits_request(const Exchange &exchange, int length) {
+  if (length >= 0 && static_cast<size_t>(length) < exchange.request_size) return true;
+  log_message(LOG_ERROR, "Request buffer overflow");
+  return false;
+}
+
+static Attempt attempt_id_fetch(Exchange *exchange, Text *id) {
+  const char *server = proxy_context.config.api_server;
+  clear_response(exchange);
+  const Fd connection = open_socket();
+  if (!connection) return Attempt::FAILED;
+  sockaddr_in address;
+  if (!convert_address(&address)) {
+    log_message(LOG_ERROR, "Invalid address: %s", server);
+    return Attempt::FAILED;
+  }
+  if (!connect_to(connection, address)) return Attempt::FAILED;
+  if (!fits_request(*exchange, snprintf(exchange->request.get(), exchange->request_size, ID_REQUEST,
+                                        server))) {
+    return Attempt::FATAL;
+  }
+  return attempt_result(send_request(connection, *exchange) &&
+                        receive_id_response(connection, exchange) && check_status(*exchange) &&
+                        read_id_answer(*exchange, id));
+}
+
+static Attempt attempt_resolution(const char *cloud_id, Exchange *exchange, CloudServerInfo *info) {
+  const AgentConfig &config = proxy_context.config;
+  clear_response(exchange);
+  const Fd connection = open_socket();
+  if (!connection) return Attempt::FAILED;
+  sockaddr_in address;
+  if (!convert_address(&address)) {
+    log_message(LOG_ERROR, "Invalid API server address: %s", config.api_server);
+    return Attempt::FAILED;
+  }
+  if (!connect_to(connection, address)) return Attempt::FAILED;
+  if (!fits_request(*exchange,
+                    snprintf(exchange->request.get(), exchange->request_size, SERVER_REQUEST,
+                             cloud_id, config.vendor, config.model, config.api_server))) {
+    return Attempt::FAILED;
+  }
+  return attempt_result(send_request(connection, *exchange) &&
+                        receive_server_response(connection, exchange) && check_status(*exchange) &&
+                        read_server_answer(*exchange, info));
+}
+
+// Pauses before the next attempt; false when the agent is to stop instead.
+static bool pause_before_retry(int delay) {
+  main_pause(delay);
+  return agent_running();
+}
+
+bool fetch_cloud_id(Text *id) {
+  if (!id || !proxy_context.config.api_server) {
+    log_message(LOG_ERROR, "Invalid parameters for cloud ID fetch");
+    return false;
+  }
+  *id = nullptr;
+  Exchange exchange;
+  if (!allocate_buffers(&exchange, REQUEST_ROOM) || !agent_running()) return false;
+
+  for (int delay = FIRST_DELAY;; delay = next_retry_delay(delay, DELAY_CAP)) {
+    const Attempt attempt = attempt_id_fetch(&exchange, id);
+    if (attempt != Attempt::FAILED) return attempt == Attempt::SUCCEEDED;
+    if (!agent_running()) return false;
+    log_message(LOG_INFO, "Retrying cloud ID fetch in %d seconds", delay);
+    if (!pause_before_retry(delay)) return false;
+  }
+}
+
+bool resolve_cloud_server(const char *cloud_id, CloudServerInfo *info) {
+  const AgentConfig &config = proxy_context.config;
+  if (!cloud_id || !info || !config.api_server || !config.vendor || !config.model) {
+    log_message(LOG_ERROR, "Invalid parameters for cloud server resolution");
+    return false;
+  }
+  *info = {};
+  const size_t request_size = strlen(cloud_id) + strlen(config.vendor) + strlen(config.model) +
+                              strlen(config.api_server) + REQUEST_ROOM;
+  Exchange exchange;
+  if (!allocate_buffers(&exchange, request_size) || !agent_running()) return false;
+
+  for (int delay = FIRST_DELAY;; delay = next_retry_delay(delay, DELAY_CAP)) {
+    if (attempt_resolution(cloud_id, &exchange, info) == Attempt::SUCCEEDED) return true;
+    if (!agent_running()) return false;
+    log_message(LOG_INFO, "Retrying cloud server resolution in %d seconds", delay);
+    if (!pause_before_retry(delay)) return false;
+  }
+}

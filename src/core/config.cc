@@ -1,0 +1,246 @@
+#include "core/config.h"
+
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string_view>
+
+#include "core/deployment.h"
+#include "core/log.h"
+#include "core/stream_urls.h"
+#include "core/text.h"
+#include "core/text_list.h"
+#include "core/usage.h"
+
+static constexpr uint16_t DEFAULT_API_PORT = 8111;
+static constexpr uint16_t DEFAULT_HTTP_PORT = 8282;
+
+static constexpr char SHORT_OPTIONS[] = "c:f:s:v:m:dglnp:rVh";
+
+static constexpr option LONG_OPTIONS[] = {
+    {"config", required_argument, nullptr, 'c'},  {"status-file", optional_argument, nullptr, 'f'},
+    {"stream", required_argument, nullptr, 's'},  {"vendor", required_argument, nullptr, 'v'},
+    {"model", required_argument, nullptr, 'm'},   {"debug", no_argument, nullptr, 'd'},
+    {"group-streams", no_argument, nullptr, 'g'}, {"legacy-add", no_argument, nullptr, 'l'},
+    {"no-http", no_argument, nullptr, 'n'},       {"http-port", required_argument, nullptr, 'p'},
+    {"require-auth", no_argument, nullptr, 'r'},  {"version", no_argument, nullptr, 'V'},
+    {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+};
+
+// Logging has to be on before the first option is parsed, or the lines of earlier options would
+// be lost; so the arguments are searched for the two exact spellings beforehand.
+static void prescan_debug(int argc, char **argv, AgentConfig *config) {
+  for (int i = 1; i < argc; i++) {
+    const std::string_view argument = argv[i];
+    if (argument != "-d" && argument != "--debug") continue;
+    config->debug = 1;
+    log_enabled = true;
+    log_message(LOG_INFO, "Agent version: %s, starting...", AGENT_VERSION);
+    log_message(LOG_INFO, "Debug mode enabled");
+    return;
+  }
+}
+
+static bool set_config_dir(AgentConfig *config, std::string_view directory) {
+  if (directory.ends_with('/')) directory.remove_suffix(1);
+  if (!text_assign(&config->config_dir, directory)) {
+    log_message(LOG_ERROR, "Failed to allocate memory for config path");
+    return false;
+  }
+  log_message(LOG_DEBUG, "Config directory set to: %s", config->config_dir);
+  return true;
+}
+
+static bool set_vendor(AgentConfig *config, const char *vendor) {
+  if (!text_assign(&config->vendor, vendor)) {
+    log_message(LOG_ERROR, "Failed to allocate memory for vendor");
+    return false;
+  }
+  log_message(LOG_DEBUG, "Vendor set to: %s", config->vendor);
+  return true;
+}
+
+static bool set_model(AgentConfig *config, const char *model) {
+  if (!text_assign(&config->model, model)) {
+    log_message(LOG_ERROR, "Failed to allocate memory for model");
+    return false;
+  }
+  log_message(LOG_DEBUG, "Model set to: %s", config->model);
+  return true;
+}
+
+// The long form may come without a path: an optional argument must be attached with "=".
+static bool set_status_file(AgentConfig *config, const char *path) {
+  if (!path) {
+    log_message(LOG_ERROR, "Missing path for status file");
+    return false;
+  }
+  if (!text_assign(&config->status_file_path, path)) {
+    log_message(LOG_ERROR, "Failed to allocate memory for status file path");
+    return false;
+  }
+  config->status_file_enabled = 1;
+  log_message(LOG_INFO, "Status file enabled, path: %s", config->status_file_path);
+  return true;
+}
+
+static void set_http_port(AgentConfig *config, const char *port) {
+  config->http_port = static_cast<uint16_t>(text_to_int(port));
+  log_message(LOG_INFO, "Http server port set to: %s", port);
+}
+
+static bool add_stream_option(TextList *options, const char *url) {
+  if (options->full()) {
+    log_message(LOG_ERROR, "Maximum number of streams exceeded");
+    return false;
+  }
+  if (!options->append(text_copy(url))) {
+    log_message(LOG_ERROR, "Failed to copy stream URL");
+    return false;
+  }
+  return true;
+}
+
+// The options that take an argument. The parser hands over none only for a bare --status-file.
+static bool apply_value(AgentConfig *config, TextList *options, int letter, const char *value) {
+  switch (letter) {
+    case 'c':
+      return set_config_dir(config, value);
+    case 's':
+      return add_stream_option(options, value);
+    case 'v':
+      return set_vendor(config, value);
+    case 'm':
+      return set_model(config, value);
+    case 'f':
+      return set_status_file(config, value);
+    case 'p':
+      set_http_port(config, value);
+      return true;
+    default:
+      return false;  // the parser has printed its diagnostic
+  }
+}
+
+// The options without an argument; -h and -V end loading as a failure.
+static bool apply_flag(AgentConfig *config, int letter, const char *program_name) {
+  switch (letter) {
+    case 'd':
+      return true;  // taken from the pre-scan
+    case 'g':
+      config->group_streams = 1;
+      log_message(LOG_INFO, "Stream pairing enabled");
+      return true;
+    case 'l':
+      config->legacy_add = 1;
+      log_message(LOG_INFO, "Legacy Add Camera page enabled");
+      return true;
+    case 'n':
+      config->http_enabled = 0;
+      log_message(LOG_INFO, "Http server disabled");
+      return true;
+    case 'r':
+      config->require_auth = 1;
+      log_message(LOG_INFO, "Device credentials will be required for cloud registration");
+      return true;
+    case 'V':
+      print_version();
+      return false;
+    case 'h':
+      print_usage(program_name);
+      return false;
+    default:
+      return false;
+  }
+}
+
+static bool parse_options(int argc, char **argv, AgentConfig *config, TextList *options) {
+  optind = 1;
+  for (;;) {
+    const int letter = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS, nullptr);
+    if (letter == -1) return true;
+    const bool is_flag = strchr("dglnrVh", letter) != nullptr;
+    const bool applied = is_flag ? apply_flag(config, letter, argv[0])
+                                 : apply_value(config, options, letter, optarg);
+    if (!applied) return false;
+  }
+}
+
+static bool check_required(const AgentConfig &config, const TextList &options) {
+  const char *missing = !config.config_dir     ? "config"
+                        : options.count() == 0 ? "stream"
+                        : !config.vendor       ? "vendor"
+                        : !config.model        ? "model"
+                                               : nullptr;
+  if (missing) log_message(LOG_ERROR, "Missing required parameter: %s", missing);
+  return !missing;
+}
+
+// The record gets the options as they are, before process_stream_urls replaces them by the final
+// list.
+static bool store_stream_options(AgentConfig *config, const TextList &options) {
+  TextList copies;
+  if (!copies.reserve(MAX_STREAMS)) {
+    log_message(LOG_ERROR, "Memory allocation failed for stream URLs");
+    return false;
+  }
+  for (size_t i = 0; i < options.count(); i++) {
+    if (!copies.append(text_copy(options.at(i)))) {
+      log_message(LOG_ERROR, "Failed to duplicate stream URL");
+      return false;
+    }
+  }
+  config->stream_count = copies.count();
+  config->stream_urls = copies.release();
+  return true;
+}
+
+static bool load_options(int argc, char **argv, AgentConfig *config, TextList *options) {
+  return parse_options(argc, argv, config, options) && check_required(*config, *options) &&
+         store_stream_options(config, *options) && process_stream_urls(config, options);
+}
+
+bool config_load(int argc, char **argv, AgentConfig *config) {
+  *config = {};
+  config->api_port = DEFAULT_API_PORT;
+  config->http_port = DEFAULT_HTTP_PORT;
+  config->http_enabled = 1;
+  prescan_debug(argc, argv, config);
+
+  if (!text_assign(&config->api_server, BALANCER_ADDRESS)) {
+    log_message(LOG_ERROR, "Memory allocation failed for API server");
+    return false;
+  }
+
+  TextList options;
+  if (!options.reserve(MAX_STREAMS)) {
+    log_message(LOG_ERROR, "Failed to allocate temporary streams array");
+    text_release(&config->api_server);
+    return false;
+  }
+  if (!load_options(argc, argv, config, &options)) {
+    config_free(config);
+    return false;
+  }
+  log_message(LOG_INFO, "Configuration loaded successfully with %zu stream(s)", options.count());
+  return true;
+}
+
+void config_free(AgentConfig *config) {
+  if (!config) return;
+  log_message(LOG_DEBUG, "Freeing configuration resources");
+  text_release(&config->vendor);
+  text_release(&config->model);
+  text_release(&config->config_dir);
+  text_release(&config->api_server);
+  text_release(&config->cloud_id);
+  text_release(&config->status_file_path);
+  if (config->stream_urls) {
+    for (size_t i = 0; i < config->stream_count; i++)
+      text_release(&config->stream_urls[i]);
+    free(config->stream_urls);
+  }
+  *config = {};
+}

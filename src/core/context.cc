@@ -1,0 +1,12 @@
+#include "core/context.h"
+
+ProxyContext proxy_context;
+
+void context_reset() {
+  proxy_context.config = {};
+  proxy_context.streams = nullptr;
+  proxy_context.stream_count = 0;
+  proxy_context.running = 0;
+  proxy_context.cloud_server = nullptr;
+  proxy_context.cloud_port = 0;
+}

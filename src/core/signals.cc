@@ -1,0 +1,41 @@
+#include "core/signals.h"
+
+#include <poll.h>
+
+#include "core/clock.h"
+#include "core/context.h"
+
+void handle_signal(int /*signal_number*/) {
+  proxy_context.running = 0;
+}
+
+void signals_install() {
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGTERM, handle_signal);
+  signal(SIGINT, handle_signal);
+}
+
+StopSignalsBlocked::StopSignalsBlocked() {
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, &before_);
+}
+
+StopSignalsBlocked::~StopSignalsBlocked() {
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+void main_pause(int seconds) {
+  // The stop signals are let through only inside ppoll, so that none can land between the look at
+  // `running` and the sleep.
+  const StopSignalsBlocked blocked;
+  const int64_t end = monotonic_ms() + int64_t{seconds} * 1000;
+  for (int64_t left = end - monotonic_ms(); left > 0 && agent_running();
+       left = end - monotonic_ms()) {
+    const timespec step = {.tv_sec = static_cast<time_t>(left / 1000),
+                           .tv_nsec = static_cast<long>(left % 1000) * 1'000'000L};
+    ppoll(nullptr, 0, &step, blocked.before());
+  }
+}

@@ -1,0 +1,37 @@
+#include "core/text.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+Text text_copy(std::string_view text) {
+  Text copy(static_cast<char *>(malloc(text.size() + 1)));
+  if (!copy) return nullptr;
+  std::copy(text.begin(), text.end(), copy.get());
+  copy[text.size()] = '\0';
+  return copy;
+}
+
+bool text_assign(char **slot, std::string_view text) {
+  Text copy = text_copy(text);
+  if (!copy) return false;
+  text_release(slot);
+  *slot = copy.release();
+  return true;
+}
+
+void text_release(char **slot) {
+  free(*slot);
+  *slot = nullptr;
+}
+
+void text_copy_to(char *out, size_t size, std::string_view text) {
+  const size_t length = std::min(text.size(), size - 1);
+  std::copy_n(text.begin(), length, out);
+  out[length] = '\0';
+}
+
+int text_to_int(const char *text) {
+  return static_cast<int>(strtoll(text, nullptr, 10));
+}

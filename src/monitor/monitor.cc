@@ -1,0 +1,235 @@
+#include "monitor/monitor.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/config.h"
+#include "core/context.h"
+#include "core/log.h"
+#include "core/string_builder.h"
+#include "core/text.h"
+#include "monitor/status_file.h"
+#include "monitor/time_format.h"
+
+static constexpr size_t ERROR_BUILDER_CAPACITY = 256;
+static constexpr size_t START_TIME_SIZE = 32;     // bytes
+static constexpr size_t FINAL_UPTIME_SIZE = 128;  // bytes
+
+static constexpr const char *STATUS_NAMES[] = {"offline", "connecting", "registered", "streaming",
+                                               "error"};
+
+Monitor monitor;
+
+static const char *status_name(StreamStatus status) {
+  return status >= STREAM_OFFLINE && status <= STREAM_ERROR ? STATUS_NAMES[status] : "unknown";
+}
+
+// Nobody else knows the monitor while it is made and zeroed.
+static void reset_monitor() UNCHECKED_LOCKS {
+  monitor.streams = nullptr;
+  monitor.stream_count = 0;
+  monitor.start_time = 0;
+  monitor.uptime = 0;
+}
+
+static void fill_records(size_t count) REQUIRES_LOCK(monitor.lock) {
+  const AgentConfig &config = proxy_context.config;
+  for (size_t i = 0; i < count; i++) {
+    StreamMonitorState *record = &monitor.streams[i];
+    record->stream_id = static_cast<uint32_t>(i + 1);
+    record->status = STREAM_OFFLINE;
+    record->last_change = time(nullptr);
+    if (config.stream_urls && i < config.stream_count && config.stream_urls[i]) {
+      text_copy_to(record->url, sizeof record->url, config.stream_urls[i]);
+    }
+  }
+}
+
+static bool fill_monitor(size_t count) REQUIRES_LOCK(monitor.lock) {
+  monitor.start_time = time(nullptr);
+  if (monitor.start_time == -1) {
+    log_message(LOG_ERROR, "Failed to get start time: %s", strerror(errno));
+    return false;
+  }
+  monitor.streams = static_cast<StreamMonitorState *>(calloc(count, sizeof *monitor.streams));
+  if (!monitor.streams) {
+    log_message(LOG_ERROR, "Failed to allocate monitor streams array: %s", strerror(errno));
+    return false;
+  }
+  fill_records(count);
+  monitor.stream_count = count;
+  return true;
+}
+
+static bool create_monitor(size_t count) {
+  reset_monitor();
+  const int result = pthread_mutex_init(&monitor.lock.native, nullptr);
+  if (result != 0) {
+    log_message(LOG_ERROR, "Failed to initialize monitor mutex: %s", strerror(result));
+    return false;
+  }
+  bool filled = false;
+  {
+    const ScopedLock lock(&monitor.lock);
+    filled = fill_monitor(count);
+  }
+  if (!filled) pthread_mutex_destroy(&monitor.lock.native);
+  return filled;
+}
+
+bool monitor_init(size_t stream_count) {
+  if (stream_count == 0 || stream_count > MAX_STREAMS) {
+    log_message(LOG_ERROR, "Invalid stream count for monitor initialization: %zu", stream_count);
+    return false;
+  }
+  if (!create_monitor(stream_count)) return false;
+
+  char start_time[START_TIME_SIZE];
+  if (monitor_format_start_time(start_time, sizeof start_time)) {
+    log_message(LOG_INFO, "Monitor started for %zu streams at %s", stream_count, start_time);
+  }
+  return true;
+}
+
+static void apply_status(StreamMonitorState *record, StreamStatus status)
+    REQUIRES_LOCK(monitor.lock) {
+  if (status == record->status) return;
+  log_message(LOG_DEBUG, "Stream %d status change: %s -> %s", static_cast<int>(record->stream_id),
+              status_name(record->status), status_name(status));
+  const time_t now = time(nullptr);
+  // A stream that goes streaming again without having been offline keeps its earlier start.
+  if (status == STREAM_STREAMING && record->streaming_since == 0) record->streaming_since = now;
+  if (status == STREAM_OFFLINE) {
+    record->streaming_since = 0;
+    record->streaming_duration = 0;
+    record->rate = 0;
+  }
+  record->status = status;
+  record->last_change = now;
+  if (status != STREAM_ERROR) {
+    record->last_error_code = 0;
+    record->last_error_message[0] = '\0';
+  }
+}
+
+bool monitor_update_status(int stream_id, StreamStatus status) {
+  if (!monitor_knows(stream_id)) {
+    log_message(LOG_ERROR, "Invalid channel ID in status update: %d", stream_id);
+    return false;
+  }
+  MutexLock lock(&monitor.lock);
+  if (!lock.acquire()) {
+    log_message(LOG_ERROR, "Failed to acquire monitor lock for status update");
+    return false;
+  }
+  apply_status(&monitor.streams[stream_id - 1], status);
+  if (!lock.release()) {
+    log_message(LOG_ERROR, "Failed to release monitor lock after status update");
+    return false;
+  }
+  monitor_write_status_file();
+  return true;
+}
+
+static void apply_error(StreamMonitorState *record, int32_t code, const char *message)
+    REQUIRES_LOCK(monitor.lock) {
+  const time_t now = time(nullptr);
+  record->last_error_code = code;
+  record->last_error_time = now;
+  text_copy_to(record->last_error_message, sizeof record->last_error_message, message);
+  record->status = STREAM_ERROR;
+  record->last_change = now;
+  log_message(LOG_DEBUG, "Stream %d error: [%d] %s", static_cast<int>(record->stream_id), code,
+              message);
+}
+
+bool monitor_update_error(int stream_id, int32_t code, const char *message) {
+  if (!monitor_knows(stream_id) || !message) {
+    log_message(LOG_ERROR, "Invalid parameters in monitor_update_error");
+    return false;
+  }
+  // A copy of its own: the message may live in a buffer that the system reuses (strerror).
+  const StringBuilderOwner text(string_builder_create(ERROR_BUILDER_CAPACITY));
+  if (!text) {
+    log_message(LOG_ERROR, "Failed to create string builder for error message");
+    return false;
+  }
+  if (!string_builder_append(text.get(), message)) {
+    log_message(LOG_ERROR, "Failed to append error message to string builder");
+    return false;
+  }
+  MutexLock lock(&monitor.lock);
+  if (!lock.acquire()) {
+    log_message(LOG_ERROR, "Failed to acquire monitor lock: %s", strerror(errno));
+    return false;
+  }
+  apply_error(&monitor.streams[stream_id - 1], code, text->data);
+  if (!lock.release()) {
+    log_message(LOG_ERROR, "Failed to release monitor lock: %s", strerror(errno));
+  }
+  return true;
+}
+
+static void apply_stats(StreamMonitorState *record, time_t now, uint64_t sent, uint64_t received)
+    REQUIRES_LOCK(monitor.lock) {
+  const int64_t elapsed = int64_t{now} - int64_t{record->last_update};
+  record->bytes_total += sent;
+  if (elapsed > 0) record->rate = (sent + received) / static_cast<uint64_t>(elapsed);
+  record->last_update = now;
+  record->last_change = now;
+}
+
+bool monitor_update_stats(int stream_id, uint64_t sent, uint64_t received) {
+  if (!monitor_knows(stream_id)) {
+    log_message(LOG_ERROR, "Invalid channel ID in monitor_update_stats: %d", stream_id);
+    return false;
+  }
+  const time_t now = time(nullptr);
+  if (now == -1) {
+    log_message(LOG_ERROR, "Failed to get current time: %s", strerror(errno));
+    return false;
+  }
+  MutexLock lock(&monitor.lock);
+  if (!lock.acquire()) {
+    log_message(LOG_ERROR, "Failed to acquire monitor lock: %s", strerror(errno));
+    return false;
+  }
+  apply_stats(&monitor.streams[stream_id - 1], now, sent, received);
+  if (!lock.release()) {
+    log_message(LOG_ERROR, "Failed to release monitor lock: %s", strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+bool monitor_get_stream_state(int stream_id, StreamMonitorState *state) {
+  if (!state || !monitor_knows(stream_id)) return false;
+  MutexLock lock(&monitor.lock);
+  if (!lock.acquire()) return false;
+  const StreamMonitorState &record = monitor.streams[stream_id - 1];
+  const bool matches = record.stream_id == static_cast<uint32_t>(stream_id);
+  if (matches) *state = record;
+  lock.release();
+  return matches;
+}
+
+static void release_records() {
+  MutexLock lock(&monitor.lock);
+  if (!lock.acquire()) return;
+  free(monitor.streams);
+  monitor.streams = nullptr;
+  monitor.stream_count = 0;
+  lock.release();
+}
+
+void monitor_cleanup() {
+  char uptime[FINAL_UPTIME_SIZE];
+  if (monitor_format_uptime(uptime, sizeof uptime)) {
+    log_message(LOG_INFO, "Final system uptime: %s", uptime);
+  }
+  release_records();
+  pthread_mutex_destroy(&monitor.lock.native);
+  monitor_remove_status_file();
+  log_message(LOG_INFO, "Monitor cleanup completed");
+}

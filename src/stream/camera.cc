@@ -1,0 +1,141 @@
+#include "stream/camera.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "core/log.h"
+#include "core/tcp.h"
+#include "monitor/monitor.h"
+#include "stream/rtsp_request.h"
+#include "stream/socket_options.h"
+
+static constexpr int CAMERA_TIMEOUT = 2;       // seconds, until the handshake is over
+static constexpr size_t MESSAGE_SIZE = 8192;   // bytes of a request or an answer
+static constexpr size_t REJECTION_SIZE = 128;  // bytes
+static constexpr int RTSP_OK = 200;
+
+static bool convert_address(const StreamContext *stream, sockaddr_in *address) {
+  return tcp_address(stream->host, stream->port, address);
+}
+
+// One receive call of at most size - 1 bytes, terminated: what arrives is taken as the answer.
+static ssize_t receive_text(int socket, char *buffer, size_t size) {
+  const ssize_t received = recv(socket, buffer, size - 1, 0);
+  buffer[received > 0 ? received : 0] = '\0';
+  return received;
+}
+
+static bool contains(const char *text, size_t length, std::string_view wanted) {
+  return std::string_view(text, length).find(wanted) != std::string_view::npos;
+}
+
+bool stream_check(const StreamContext *stream) {
+  const WorkerSocket camera = worker_tcp_socket();
+  if (!camera) {
+    log_message(LOG_ERROR, "Failed to create stream check socket: %s", strerror(errno));
+    return false;
+  }
+  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT, CAMERA_TIMEOUT, false)) return false;
+  sockaddr_in address;
+  if (!convert_address(stream, &address) || !tcp_connect(camera.get(), address)) return false;
+
+  char message[MESSAGE_SIZE];  // the request, then the answer
+  const int length = rtsp_compose_probe(stream, message, sizeof message);
+  if (length < 0) return false;
+  if (!tcp_send_message(camera.get(), {message, static_cast<size_t>(length)})) return false;
+  const ssize_t received = receive_text(camera.get(), message, sizeof message);
+  return received > 0 && contains(message, static_cast<size_t>(received), "RTSP/1.0 200 OK");
+}
+
+WorkerSocket camera_connect(const StreamContext *stream) {
+  WorkerSocket camera = worker_tcp_socket();
+  if (!camera) {
+    stream_report_error(stream, errno, "Failed to create camera socket");
+    return WorkerSocket();
+  }
+  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT, CAMERA_TIMEOUT, true)) {
+    stream_report_error(stream, errno, "Failed to set camera socket options");
+    return WorkerSocket();
+  }
+  sockaddr_in address;
+  if (!convert_address(stream, &address)) {
+    stream_report_error(stream, errno, "Invalid camera address");
+    return WorkerSocket();
+  }
+  if (!tcp_connect(camera.get(), address)) {
+    stream_report_error(stream, errno, "Camera connection failed");
+    return WorkerSocket();
+  }
+  log_message(LOG_DEBUG, "Connected to camera %s:%d", stream->host, int{stream->port});
+  return camera;
+}
+
+// Not inlined, this one and the next: their buffers are to share the same part of the stack.
+[[gnu::noinline]] static bool forward_request(int camera_fd, const char *request,
+                                              const StreamContext *stream) {
+  char rewritten[MESSAGE_SIZE];
+  const int length = rtsp_rewrite_options(request, stream, rewritten, sizeof rewritten);
+  if (length < 0) {
+    stream_report_error(stream, EINVAL, "Failed to modify OPTIONS request");
+    return false;
+  }
+  const auto size = static_cast<size_t>(length);
+  if (!tcp_send_message(camera_fd, {rewritten, size})) {
+    stream_report_error(stream, errno, "Failed to forward OPTIONS to camera");
+    return false;
+  }
+  log_message(LOG_DEBUG, "Forwarded OPTIONS to camera: %.*s", length, rewritten);
+  monitor_update_stats(stream->stream_id, size, 0);
+  return true;
+}
+
+// The camera's answer, terminated, in `answer`: its length, or 0 after the failure was reported.
+static size_t receive_answer(int camera_fd, char *answer, const StreamContext *stream) {
+  const ssize_t received = receive_text(camera_fd, answer, MESSAGE_SIZE);
+  if (received == 0) {
+    stream_report_error(stream, ECONNRESET, "Camera connection closed during handshake");
+    return 0;
+  }
+  if (received < 0) {
+    stream_report_error(stream, errno, "Failed to receive OPTIONS response from camera");
+    return 0;
+  }
+  monitor_update_stats(stream->stream_id, 0, static_cast<uint64_t>(received));
+  log_message(LOG_DEBUG, "Received OPTIONS response from camera: %.*s", static_cast<int>(received),
+              answer);
+  return static_cast<size_t>(received);
+}
+
+static bool check_answer(const char *answer, const StreamContext *stream) {
+  int code = 0;
+  if (!rtsp_parse_status(answer, &code)) {
+    stream_report_error(stream, EPROTO, "Invalid OPTIONS response format from camera");
+    return false;
+  }
+  if (code == RTSP_OK) return true;
+  char rejection[REJECTION_SIZE];
+  snprintf(rejection, sizeof rejection, "Camera rejected OPTIONS request with code %d", code);
+  stream_report_error(stream, EPROTO, rejection);
+  return false;
+}
+
+[[gnu::noinline]] static bool forward_answer(int cloud_fd, int camera_fd,
+                                             const StreamContext *stream) {
+  char answer[MESSAGE_SIZE];
+  const size_t length = receive_answer(camera_fd, answer, stream);
+  if (length == 0 || !check_answer(answer, stream)) return false;
+  if (!tcp_send_message(cloud_fd, {answer, length})) {
+    stream_report_error(stream, errno, "Failed to forward camera's OPTIONS response to cloud");
+    return false;
+  }
+  monitor_update_stats(stream->stream_id, length, 0);
+  log_message(LOG_DEBUG, "Forwarded camera's OPTIONS response to cloud");
+  return true;
+}
+
+bool rtsp_handshake(int cloud_fd, int camera_fd, const char *request, const StreamContext *stream) {
+  return forward_request(camera_fd, request, stream) && forward_answer(cloud_fd, camera_fd, stream);
+}

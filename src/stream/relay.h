@@ -1,0 +1,32 @@
+// One relay between the cloud connection and the camera, from the cloud's OPTIONS request until
+// either side ends.
+#pragma once
+
+#include <semaphore.h>
+#include <stdint.h>
+
+#include <atomic>
+
+#include "core/lock.h"
+#include "stream/stream_context.h"
+
+// What the two directions share. Owned by stream_proxy on the stream thread, which outlives the
+// cloud-to-camera thread's use of it.
+struct RelayContext {
+  int cloud_fd;                  // closed by the stream thread after the relay
+  int camera_fd;                 // closed at the end of stream_proxy
+  std::atomic<uint8_t> *active;  // 1 while the relay runs; cleared by whichever direction ends
+  const StreamContext *stream;
+  // Held from clearing `active` until the reason has been reported, so that no report can come
+  // after the end has set the stream offline. Taken before the monitor's lock.
+  Mutex end_lock;
+  sem_t left;  // posted by the cloud-to-camera thread as its last use of this
+};
+
+// Connects to the camera, performs the handshake and copies both ways, unchanged. False when the
+// relay could not be started (reported, the camera closed), true when it ran and has ended. Either
+// way the caller closes `cloud_fd`. Stream thread.
+[[nodiscard]] bool stream_proxy(int cloud_fd, const StreamContext *stream, const char *request);
+
+// The cloud-to-camera direction, until the relay ends. Its own thread.
+void relay_cloud_to_camera(RelayContext *relay);

@@ -1,0 +1,133 @@
+#include "web/http_response.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string_view>
+
+#include "core/clock.h"
+#include "core/log.h"
+
+static constexpr size_t FRAMING_ROOM = 256;          // bytes beside the body
+static constexpr size_t ERROR_PAGE_CAPACITY = 1024;  // bytes
+static constexpr int64_t RESPONSE_LIMIT = 30'000;    // ms; each write is bounded by 5 s
+
+// Server to client.
+static constexpr char HTML_HEADER[] =
+    "HTTP/1.1 200 OK\r\n"
+    "Content-Type: text/html; charset=UTF-8\r\n"
+    "Content-Length: %zu\r\n"
+    "Connection: close\r\n"
+    "\r\n";
+static constexpr char JSON_HEADER[] =
+    "HTTP/1.1 200 OK\r\n"
+    "Content-Type: application/json\r\n"
+    "Access-Control-Allow-Origin: *\r\n"
+    "Access-Control-Allow-Methods: GET, OPTIONS\r\n"
+    "Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
+    "Connection: close\r\n"
+    "\r\n";
+static constexpr std::string_view NOT_FOUND =
+    "HTTP/1.1 404 Not Found\r\n"
+    "Content-Type: text/plain\r\n"
+    "Connection: close\r\n"
+    "\r\n"
+    "404 Not Found\n";
+static constexpr std::string_view FULL_ERROR =
+    "HTTP/1.1 500 Internal Server Error\r\n"
+    "Content-Type: text/plain\r\n"
+    "Connection: close\r\n"
+    "\r\n"
+    "Internal Server Error";
+static constexpr std::string_view BARE_ERROR =
+    "HTTP/1.1 500 Internal Server Error\r\n"
+    "\r\n";
+
+static constexpr char ERROR_PAGE[] =
+    "<html>\n"
+    "<head><title>Error</title></head>\n"
+    "<body>\n"
+    "    <h1>Error</h1>\n"
+    "    <p>%s</p>\n"
+    "    <a href=\"/\">Back to Home</a>\n"
+    "</body>\n"
+    "</html>";
+
+// One write, whose wait the socket's send time-out bounds; a response that has taken too long as a
+// whole fails too. Both fail as ETIMEDOUT.
+static ssize_t write_some(int socket, std::string_view rest, int64_t deadline) {
+  if (monotonic_ms() > deadline) {
+    errno = ETIMEDOUT;
+    return -1;
+  }
+  const ssize_t written = write(socket, rest.data(), rest.size());
+  if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) errno = ETIMEDOUT;
+  return written;
+}
+
+bool http_write_all(int socket, const char *bytes, size_t length) {
+  std::string_view rest(bytes, length);
+  const int64_t deadline = monotonic_ms() + RESPONSE_LIMIT;
+  while (!rest.empty()) {
+    const ssize_t written = write_some(socket, rest, deadline);
+    if (written > 0) {
+      rest.remove_prefix(static_cast<size_t>(written));
+    } else if (written == 0) {
+      log_message(LOG_ERROR, "Connection closed during write");
+      return false;
+    } else if (errno != EINTR) {
+      log_message(LOG_ERROR, "Write failed: %s", strerror(errno));
+      return false;
+    }
+  }
+  return true;
+}
+
+static bool write_text(int socket, std::string_view text) {
+  return http_write_all(socket, text.data(), text.size());
+}
+
+bool http_send_html(int socket, const StringBuilder *page) {
+  if (socket < 0 || !page) return false;
+  const StringBuilderOwner response(string_builder_create(page->length + FRAMING_ROOM));
+  if (!response || !string_builder_appendf(response.get(), HTML_HEADER, page->length) ||
+      !string_builder_append(response.get(), page->data)) {
+    return false;
+  }
+  if (!http_write_all(socket, response->data, response->length)) {
+    // No error page can follow on a connection that takes no more bytes.
+    log_message(LOG_ERROR, "Failed to send http response");
+  }
+  return true;
+}
+
+bool http_send_json(int socket, const StringBuilder *document) {
+  const StringBuilderOwner response(string_builder_create(document->length + FRAMING_ROOM));
+  return response && string_builder_append(response.get(), JSON_HEADER) &&
+         string_builder_append(response.get(), document->data) &&
+         http_write_all(socket, response->data, response->length);
+}
+
+void http_send_error(int socket, const char *message) {
+  const StringBuilderOwner page(string_builder_create(ERROR_PAGE_CAPACITY));
+  if (!page) {
+    if (!write_text(socket, FULL_ERROR)) {
+      log_message(LOG_ERROR, "Failed to send minimal error response");
+    }
+    return;
+  }
+  if (!string_builder_appendf(page.get(), ERROR_PAGE, message)) {
+    if (!write_text(socket, BARE_ERROR)) {
+      log_message(LOG_ERROR, "Failed to send minimal error response");
+    }
+    return;
+  }
+  if (!write_text(socket, BARE_ERROR) || !http_write_all(socket, page->data, page->length)) {
+    log_message(LOG_ERROR, "Failed to send error response");
+  }
+}
+
+void http_send_not_found(int socket) {
+  if (!write_text(socket, NOT_FOUND)) log_message(LOG_ERROR, "Failed to send 404 response");
+}

@@ -1,0 +1,315 @@
+#include "web/http_server.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <span>
+
+#include "core/clock.h"
+#include "core/log.h"
+#include "core/owners.h"
+#include "core/signals.h"
+#include "core/text.h"
+#include "web/http_response.h"
+#include "web/routes.h"
+
+static constexpr int LISTEN_BACKLOG = 10;
+static constexpr int WAIT_TIMEOUT = 1000;     // ms between looks at `running`
+static constexpr time_t RECEIVE_TIMEOUT = 2;  // seconds a client may take to send its request
+static constexpr time_t SEND_TIMEOUT = 5;     // seconds a client may take no bytes
+static constexpr size_t REQUEST_SIZE = 8192;  // bytes, terminator included
+static constexpr int DRAIN_TIME = 500;        // ms given to a client to close first
+static constexpr size_t DRAIN_BYTES = 65536;  // bytes of an overlong request thrown away
+static constexpr int ACCEPT_PAUSE = 100;      // ms when descriptors or memory have run out
+
+HttpServer http_server;
+
+// --- One client, on the server thread ------------------------------------------------------------
+
+static void set_client_timeouts(int socket) {
+  const timeval receive = {.tv_sec = RECEIVE_TIMEOUT, .tv_usec = 0};
+  if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &receive, sizeof receive) != 0) {
+    log_message(LOG_ERROR, "Failed to set socket receive timeout: %s", strerror(errno));
+  }
+  const timeval send = {.tv_sec = SEND_TIMEOUT, .tv_usec = 0};
+  if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &send, sizeof send) != 0) {
+    log_message(LOG_ERROR, "Failed to set socket send timeout: %s", strerror(errno));
+  }
+}
+
+static const HttpHandler *find_handler(const char *target) {
+  const std::span used(http_server.handlers.data(), http_server.handler_count);
+  const auto found = std::find_if(used.begin(), used.end(), [target](const HttpHandler &handler) {
+    return strcmp(handler.path, target) == 0;
+  });
+  return found == used.end() ? nullptr : &*found;
+}
+
+// Reads once and answers from that part alone; only the request line is looked at.
+static void http_handle_client(int socket) {
+  set_client_timeouts(socket);
+  char request[REQUEST_SIZE];
+  const ssize_t received = recv(socket, request, sizeof request - 1, 0);
+  if (received <= 0) return;
+  request[received] = '\0';
+
+  char method[16];
+  char target[256];
+  char version[16];
+  if (sscanf(request, "%15s %255s %15s", method, target, version) < 3) {
+    http_send_not_found(socket);
+    return;
+  }
+  const HttpHandler *handler = find_handler(target);
+  if (handler) {
+    handler->callback(socket);
+  } else {
+    http_send_not_found(socket);
+  }
+}
+
+// Closing with request bytes unread would reset the connection and could cut off the response on
+// its way: so the write side is shut and the client gets a moment to read it and to close first.
+static void drain(int socket) {
+  if (shutdown(socket, SHUT_WR) != 0) return;
+  const int64_t end = monotonic_ms() + DRAIN_TIME;
+  char thrown_away[REQUEST_SIZE];
+  size_t total = 0;
+  while (total < DRAIN_BYTES) {
+    const int64_t left = end - monotonic_ms();
+    pollfd wait = {.fd = socket, .events = POLLIN, .revents = 0};
+    if (left <= 0 || poll(&wait, 1, static_cast<int>(left)) <= 0) return;
+    const ssize_t received = recv(socket, thrown_away, sizeof thrown_away, MSG_DONTWAIT);
+    if (received <= 0) return;
+    total += static_cast<size_t>(received);
+  }
+}
+
+// Lets the stop operation cut the client off. False when the stop came first.
+static bool enter_client(int socket) {
+  const ScopedLock lock(&http_server.lock);
+  if (!http_server.running) return false;
+  http_server.client_fd = socket;
+  return true;
+}
+
+static void leave_client() {
+  const ScopedLock lock(&http_server.lock);
+  http_server.client_fd = -1;
+}
+
+static void serve_client(const Fd &client) {
+  if (!enter_client(client.get())) return;
+  http_handle_client(client.get());
+  drain(client.get());
+  leave_client();
+}
+
+static void accept_client() {
+  const Fd client(accept4(http_server.listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
+  if (client) {
+    serve_client(client);
+    return;
+  }
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+  const int error = errno;
+  log_message(LOG_ERROR, "Accept failed: %s", strerror(error));
+  if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+    // The connection stays waiting and would wake the loop at once, again and again.
+    pollfd shutdown_byte = {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0};
+    poll(&shutdown_byte, 1, ACCEPT_PAUSE);
+  }
+}
+
+// --- The server thread ---------------------------------------------------------------------------
+
+static void close_one(int *descriptor) {
+  if (*descriptor >= 0) close(*descriptor);
+  *descriptor = -1;
+}
+
+static void http_server_close_sockets() {
+  const ScopedLock lock(&http_server.lock);
+  close_one(&http_server.listen_fd);
+  close_one(&http_server.shutdown_pipe[0]);
+  close_one(&http_server.shutdown_pipe[1]);
+}
+
+static void read_shutdown_byte() {
+  char byte = 0;
+  const ssize_t count = read(http_server.shutdown_pipe[0], &byte, 1);
+  if (count > 0) {
+    log_message(LOG_DEBUG, "Web server received shutdown signal via pipe");
+  } else if (count == 0) {
+    log_message(LOG_ERROR, "Shutdown pipe closed unexpectedly");
+  } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+    log_message(LOG_ERROR, "Error reading from shutdown pipe: %s", strerror(errno));
+  }
+}
+
+// Waits for one event and handles it; false when the server is to end.
+static bool serve_once() {
+  // poll rather than select: a descriptor number of 1024 or more must not write past a set.
+  pollfd waits[] = {
+      {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0},
+      {.fd = http_server.listen_fd, .events = POLLIN, .revents = 0},
+  };
+  const int ready = poll(waits, std::size(waits), WAIT_TIMEOUT);
+  if (ready < 0) {
+    if (errno == EINTR) return true;
+    log_message(LOG_ERROR, "Select failed: %s", strerror(errno));
+    return false;
+  }
+  if (waits[0].revents != 0) {
+    read_shutdown_byte();
+    return false;
+  }
+  if (waits[1].revents != 0) accept_client();
+  return true;
+}
+
+// Created by http_server_start, ended by http_server_stop (or by a failed wait), joined by the
+// latter. Runs every page handler, so these need no lock of their own.
+static void *http_server_thread(void * /*argument*/) {
+  while (http_server.running && serve_once()) {
+  }
+  http_server_close_sockets();
+  return nullptr;
+}
+
+// --- Start and stop, on the main thread ----------------------------------------------------------
+
+bool http_register_handler(const char *path, const char *link_id, bool show_on_home,
+                           HttpCallback callback) {
+  if (http_server.handler_count >= MAX_HANDLERS) {
+    log_message(LOG_ERROR, "Maximum number of handlers reached");
+    return false;
+  }
+  Text link_id_copy = text_copy(link_id);
+  if (!link_id_copy) return false;
+  http_server.handlers[http_server.handler_count++] = {.path = path,
+                                                       .link_id = link_id_copy.release(),
+                                                       .show_on_home = show_on_home,
+                                                       .callback = callback};
+  return true;
+}
+
+static void reset_server(uint16_t port) {
+  http_server.listen_fd = -1;
+  http_server.server_thread = {};
+  http_server.running = 1;
+  http_server.handlers = {};
+  http_server.handler_count = 0;
+  http_server.port = port;
+  http_server.shutdown_pipe[0] = -1;
+  http_server.shutdown_pipe[1] = -1;
+  http_server.client_fd = -1;
+}
+
+static bool create_shutdown_pipe() {
+  if (pipe2(http_server.shutdown_pipe, O_CLOEXEC) != 0) {
+    log_message(LOG_ERROR, "Failed to create shutdown pipe: %s", strerror(errno));
+    return false;
+  }
+  const int read_end = http_server.shutdown_pipe[0];
+  const int flags = fcntl(read_end, F_GETFL, 0);
+  if (flags < 0) {
+    log_message(LOG_ERROR, "Failed to get pipe flags: %s", strerror(errno));
+    return false;
+  }
+  if (fcntl(read_end, F_SETFL, flags | O_NONBLOCK) != 0) {
+    log_message(LOG_ERROR, "Failed to set pipe non-blocking: %s", strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+static bool create_socket() {
+  const int socket_fd = http_server.listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket_fd < 0) {
+    log_message(LOG_ERROR, "Failed to create server socket: %s", strerror(errno));
+    return false;
+  }
+  const int flags = fcntl(socket_fd, F_GETFL, 0);
+  if (flags < 0) {
+    log_message(LOG_ERROR, "Failed to get socket flags: %s", strerror(errno));
+    return false;
+  }
+  if (fcntl(socket_fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    log_message(LOG_ERROR, "Failed to set socket non-blocking: %s", strerror(errno));
+    return false;
+  }
+  const int on = 1;
+  if (setsockopt(socket_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+    log_message(LOG_ERROR, "Failed to set SO_REUSEADDR: %s", strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+static bool listen_on_port(uint16_t port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_port = htons(port);
+  if (bind(http_server.listen_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) !=
+      0) {
+    log_message(LOG_ERROR, "Failed to bind server socket: %s", strerror(errno));
+    return false;
+  }
+  if (listen(http_server.listen_fd, LISTEN_BACKLOG) != 0) {
+    log_message(LOG_ERROR, "Failed to listen on server socket: %s", strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+static bool start_thread() {
+  const StopSignalsBlocked blocked;
+  const int result =
+      pthread_create(&http_server.server_thread, nullptr, http_server_thread, nullptr);
+  if (result == 0) return true;
+  log_message(LOG_ERROR, "Failed to create server thread: %s", strerror(result));
+  return false;
+}
+
+bool http_server_start(uint16_t port) {
+  reset_server(port);
+  if (create_shutdown_pipe() && register_routes() && create_socket() && listen_on_port(port) &&
+      start_thread()) {
+    log_message(LOG_INFO, "Web server started on port %d", int{port});
+    return true;
+  }
+  // Left as if never started, so that tear-down joins no thread that does not exist.
+  http_server.running = 0;
+  http_server_close_sockets();
+  return false;
+}
+
+// Clears `running` and wakes the thread. Under the lock, since the thread may find the cleared flag
+// first and close the pipe, whose number must not be written to by then.
+static void signal_stop() {
+  const ScopedLock lock(&http_server.lock);
+  http_server.running = 0;
+  if (http_server.client_fd >= 0) shutdown(http_server.client_fd, SHUT_RDWR);
+  if (http_server.shutdown_pipe[1] < 0) return;
+  const char byte = 1;
+  if (write(http_server.shutdown_pipe[1], &byte, 1) != 1) {
+    log_message(LOG_ERROR, "Failed to send shutdown signal: %s", strerror(errno));
+  }
+}
+
+void http_server_stop() {
+  if (!http_server_running()) return;
+  signal_stop();
+  pthread_join(http_server.server_thread, nullptr);
+  log_message(LOG_INFO, "Web server stopped");
+}

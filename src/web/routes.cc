@@ -1,0 +1,5 @@
+#include "web/routes.h"
+
+bool register_routes() {
+  return true;
+}
