@@ -88,7 +88,7 @@ static bool prepare_stream(size_t i, const char *url) {
 
 static bool prepare_streams(const AgentConfig &config) {
   proxy_context.streams =
-      static_cast<StreamContext **>(calloc(config.stream_count, sizeof(StreamContext *)));
+      static_cast<StreamContext **>(calloc(config.stream_count, sizeof(void *)));
   if (!proxy_context.streams) {
     log_message(LOG_ERROR, "Failed to allocate stream threads array");
     return false;

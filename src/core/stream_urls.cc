@@ -169,21 +169,27 @@ static bool validate_single(const TextList &options) {
   return true;
 }
 
+// The streams of one pair of options, or -1 (logged).
+static int pair_count(const char *first, const char *second) {
+  const int first_count = expansion_count(first);
+  if (first_count < 0) return -1;
+  const int second_count = expansion_count(second);
+  if (second_count < 0) return -1;
+  if (first_count != second_count) {
+    log_message(LOG_ERROR, "Mismatched expansions in stream pair: %d != %d", first_count,
+                second_count);
+    return -1;
+  }
+  return first_count + second_count;
+}
+
 static bool validate_pairs(const TextList &options) {
   int total = 0;
   for (size_t i = 0; i < options.count(); i += 2) {
-    int count = expansion_count(options.at(i));
-    if (count < 0) return false;
-    if (i + 1 < options.count()) {
-      const int second = expansion_count(options.at(i + 1));
-      if (second < 0) return false;
-      if (count != second) {
-        log_message(LOG_ERROR, "Mismatched expansions in stream pair: %d != %d", count, second);
-        return false;
-      }
-      count += second;
-    }
-    if (!add_to_total(count, &total)) return false;
+    const bool alone = i + 1 == options.count();
+    const int count =
+        alone ? expansion_count(options.at(i)) : pair_count(options.at(i), options.at(i + 1));
+    if (count < 0 || !add_to_total(count, &total)) return false;
   }
   return true;
 }

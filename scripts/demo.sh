@@ -1,0 +1,186 @@
+#!/usr/bin/env bash
+# The whole way of a video on this machine: camera, agent, cloud, player.
+#
+#   scripts/demo.sh [RTSP-URL]          run until Ctrl-C; with an URL that camera is used
+#   scripts/demo.sh --check [RTSP-URL]  play some seconds, compare them with the camera, exit 0 or 1
+#
+# Needs root only to install packages that are missing. Everything runs on 127.0.0.1.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+. scripts/packages.sh
+
+agent=build/release/camera-agent
+simulators=tools/simulators
+python=/usr/bin/python3          # the GStreamer bindings belong to the system's interpreter
+cloud_id=demo-cloud-id-0001
+player_url=rtsp://127.0.0.1:8554/$cloud_id/1
+page_url=http://127.0.0.1:8282/
+camera_url=rtsp://127.0.0.1:5540/stream
+start_seconds=30                 # for each program to become ready; a cold plug-in scan takes 4 s
+frames=75                        # played by --check: 5 s at 15 frames a second
+first_frame_seconds=15
+
+work=
+names=() pids=()                 # the programs started, in order
+
+main() {
+    local check=no own_camera=yes
+    if [[ ${1:-} == --check ]]; then check=yes; shift; fi
+    if [[ ${1:-} == -* || $# -gt 1 ]]; then
+        sed -n '2,5s/^# \{0,1\}//p' "$0" >&2
+        exit 1
+    fi
+    if [[ $# == 1 ]]; then own_camera=no; camera_url=$1; fi
+
+    prepare "$own_camera"
+    work=$(mktemp -d)
+    trap stop_all EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    local began=$EPOCHREALTIME
+    start_all "$own_camera"
+    if [[ $check == yes ]]; then
+        check_video "$own_camera" "${began/,/.}"
+    else
+        show_log
+    fi
+}
+
+prepare() {
+    local packages=(python3 ffmpeg)
+    if [[ $1 == yes ]]; then
+        packages+=(gir1.2-gst-rtsp-server-1.0 python3-gi gstreamer1.0-plugins-base
+                   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad)
+    fi
+    if agent_is_current; then
+        ensure_packages "${packages[@]}"
+        return
+    fi
+    ensure_packages "${packages[@]}" cmake ninja-build g++
+    echo "building the agent ..."
+    local log
+    log=$(mktemp)
+    if ! { cmake --preset release && cmake --build --preset release; } >"$log" 2>&1; then
+        tail -n 30 "$log" >&2
+        rm -f "$log"
+        fail "the agent does not build"
+    fi
+    rm -f "$log"
+}
+
+agent_is_current() {
+    [[ -x $agent && -z $(find CMakeLists.txt CMakePresets.json cmake src -type f \
+                              -newer "$agent" -print -quit) ]]
+}
+
+start_all() {
+    local port ports=(8111 8112 8282 8554)
+    if [[ $1 == yes ]]; then ports+=(5540); fi
+    for port in "${ports[@]}"; do
+        # A connection that succeeds means that another program listens there.
+        if (: <"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+            fail "port $port is taken: end the program that listens there"
+        fi
+    done
+    if [[ $1 == yes ]]; then start camera "$python" $simulators/camera.py --port 5540; fi
+    start cloud "$python" $simulators/cloud.py --cloud-id "$cloud_id"
+    if [[ $1 == yes ]]; then wait_for camera '^ready'; fi
+    wait_for cloud '^ready'
+    start agent "$agent" -d -c "$work" -v Demo -m Cam1 -s "$camera_url" -p 8282
+    wait_for cloud "registered $cloud_id/1 "
+}
+
+# start NAME COMMAND...: runs it in the background with its output in $work/NAME.log
+start() {
+    local name=$1
+    shift
+    : >"$work/$name.log"
+    "$@" >>"$work/$name.log" 2>&1 </dev/null &
+    names+=("$name")
+    pids+=($!)
+}
+
+# wait_for NAME PATTERN [COUNT]: until the log of NAME has COUNT lines that match (default 1)
+wait_for() {
+    local deadline=$((SECONDS + start_seconds))
+    until (($(grep -Ec -- "$2" "$work/$1.log") >= ${3:-1})); do
+        all_alive
+        if ((SECONDS >= deadline)); then
+            show_tails
+            fail "no \"$2\" from the $1 within $start_seconds s"
+        fi
+        sleep 0.1
+    done
+}
+
+all_alive() {
+    local i
+    for i in "${!pids[@]}"; do
+        if ! kill -0 "${pids[i]}" 2>/dev/null; then
+            local status=0
+            wait "${pids[i]}" || status=$?
+            show_tails
+            fail "the ${names[i]} ended with status $status"
+        fi
+    done
+}
+
+show_log() {
+    echo "player:  ffplay -rtsp_transport tcp $player_url"
+    echo "browser: $page_url"
+    echo "Ctrl-C ends the demo. The log of the agent:"
+    tail -n +1 -f "$work/agent.log" &
+    names=("log" "${names[@]}") pids=($! "${pids[@]}")   # ends last, to show the agent's stop
+    while all_alive; do sleep 0.5; done
+}
+
+check_video() {
+    local live=() status=0
+    if [[ $1 == no ]]; then live=(--live); fi
+    "$python" $simulators/compare_play.py "$camera_url" "$player_url" --frames $frames \
+        --since "$2" --within $first_frame_seconds "${live[@]}" || status=1
+    all_alive
+    wait_for cloud 'relay ended'
+    local bytes
+    bytes=$(sed -n 's/.* relay ended by .*: \([0-9]*\) bytes from the camera.*/\1/p' \
+                "$work/cloud.log" | tail -n 1)
+    echo "$bytes bytes of the camera went through the agent"
+    if ((bytes < 10000)); then
+        echo "FAILED: that is no video" >&2
+        status=1
+    fi
+    if ((status)); then show_tails; fi
+    exit $status
+}
+
+show_tails() {
+    local name
+    for name in "${names[@]}"; do
+        [[ -s $work/$name.log ]] || continue
+        echo "--- last lines of the $name:" >&2
+        tail -n 12 "$work/$name.log" >&2
+    done
+}
+
+fail() {
+    echo "demo: $1" >&2
+    exit 1
+}
+
+# Ends what was started, the latest first, and waits for it; 10 s later it is not asked any more.
+stop_all() {
+    trap '' INT TERM
+    local i pid deadline
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+        pid=${pids[i]}
+        kill "$pid" 2>/dev/null || continue
+        deadline=$((SECONDS + 10))
+        while kill -0 "$pid" 2>/dev/null && ((SECONDS < deadline)); do sleep 0.05; done
+        kill -KILL "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    if [[ -n $work ]]; then rm -rf "$work"; fi
+}
+
+main "$@"

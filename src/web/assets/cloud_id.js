@@ -1,0 +1,32 @@
+const translations = {
+  en: {
+    headerCloudid: 'Device identificator',
+    descCloudid: 'Use this Cloud ID to add the device in your personal account:',
+    noteCloudid: 'Note: Keep this ID secure as it provides access to your device.',
+    backButton: '← Back to Home',
+  },
+  ru: {
+    headerCloudid: 'Идентификатор устройства',
+    descCloudid: 'Используйте этот Cloud ID для добавления устройства в личном кабинете:',
+    noteCloudid: 'Примечание: Не публикуйте и не передавайте Cloud ID третьим лицам.',
+    backButton: '← Назад',
+  },
+};
+
+const elementIds = {
+  headerCloudid: 'header-cloudid',
+  descCloudid: 'desc-cloudid',
+  noteCloudid: 'note-cloudid',
+  backButton: 'back-button',
+};
+
+const language = localStorage.getItem('preferredLanguage') || 'ru';
+
+function updatePageContent(lang) {
+  for (const [key, id] of Object.entries(elementIds)) {
+    const element = document.getElementById(id);
+    if (element) element.textContent = translations[lang][key];
+  }
+}
+
+document.addEventListener('DOMContentLoaded', () => updatePageContent(language));

@@ -1,0 +1,43 @@
+const translations = {
+  en: {
+    title: 'Home',
+    cloudLink: 'Device identificator',
+    streamsLink: 'Add to personal account',
+    statsLink: 'Usage Statistics',
+  },
+  ru: {
+    title: 'Главная',
+    cloudLink: 'Идентификатор устройства',
+    streamsLink: 'Добавить в личный кабинет',
+    statsLink: 'Статистика использования',
+  },
+};
+
+const elementIds = {
+  title: 'page-title',
+  cloudLink: 'cloud-link',
+  streamsLink: 'streams-link',
+  statsLink: 'stats-link',
+};
+
+function setTexts(lang) {
+  for (const [key, id] of Object.entries(elementIds)) {
+    document.getElementById(id).textContent = translations[lang][key];
+  }
+}
+
+// Called by the language buttons, each with its own language.
+function changeLanguage(lang, button) {
+  setTexts(lang);
+  document.querySelectorAll('.language-btn').forEach((other) => {
+    other.classList.remove('active');
+  });
+  button.classList.add('active');
+  localStorage.setItem('preferredLanguage', lang);
+}
+
+document.addEventListener('DOMContentLoaded', () => {
+  const lang = localStorage.getItem('preferredLanguage') || 'ru';
+  const button = document.querySelector(`.language-btn[onclick*="'${lang}'"]`);
+  if (button) changeLanguage(lang, button);
+});

@@ -1,0 +1,497 @@
+"""Scripted peers of the agent, for tests: plain sockets, threads, a deadline on every wait.
+
+All listen on 127.0.0.1, on `port` (0: any free one, then see .port), and are context managers.
+Leaving the `with` block ends their threads and raises the first AssertionError of a behaviour.
+
+Connection(sock, timeout=10)        one accepted connection; every call has the deadline `timeout`
+    .recv(size=65536) -> bytes      one receive; b"" when the peer has closed or reset
+    .recv_until(marker) -> bytes    up to and with the marker; what follows stays for later
+    .recv_exactly(n) -> bytes       .recv_all() -> bytes, until the peer closes
+    .send(data)                     .close(reset=False)    .half_close() (ends sending only)
+    .expect(data)                   the next bytes are exactly these
+    .expect_closed()                the peer closes and sends nothing before that
+    .expect_silence(seconds)        nothing comes for so long, and the peer does not close
+    .wait_closed(timeout=None)      reads and forgets until the peer closes
+
+ScriptedServer(behaviour, port=0, timeout=10, receive_buffer=None)
+    behaviour(connection) runs on a thread per connection; the connection closes when it returns.
+    .port  .connections (all so far)  .errors (AssertionErrors of behaviours)  .close()
+    receive_buffer: bytes, small values make the agent's sends block early.
+
+ScriptedBalancer(answers, port=8111)
+    answers: whole responses as bytes, one per connection, the last one for all later ones; make
+    them with http_answer(message, status="200 OK", headers=""). A callable(connection, request)
+    in the list takes the connection over. .requests: the requests received, as bytes.
+
+ScriptedCamera(behaviour=silent, port=0, probe=ok_answer, handshake=ok_answer, timeout=10)
+    behaviour(connection, request)  what happens after a handshake that was answered with 200, or
+                                    a dict {path: behaviour}: the request's path names the stream
+    probe, handshake                request -> the answer as bytes, b"" to close without an
+                                    answer, None to stay silent until the agent gives up; the
+                                    agent's probe is told by its User-Agent
+    .probes .requests               requests received so far; .url(path="/stream", user="") -> str
+    .wait_requests(n, timeout=10)   waits until n handshakes have come
+    Request: .raw .url .path .user (what stood before "@") .cseq
+    Answers: ok_answer, status_answer("404 Not Found"), fixed_answer(data), no_answer, hang_up
+    Behaviours: silent, echo, never_read, hang_up_after(n) (reads n bytes, then closes),
+                bulk(n, seed=0) (sends pattern(n, seed), then closes),
+                stream(bit_rate, limit=None) (interleaved frames, paced, until closed)
+    pattern(n, seed=0) -> bytes     the same n bytes every time; frames(n) -> n framed bytes
+
+ScriptedCloud(port=0, timeout=10, receive_buffer=None)
+    .accept(number=None, timeout=10) -> CloudConnection: the next registered connection, or the
+                                    next one of that stream number; .registered_count so far
+CloudConnection(Connection)
+    .registration                   the message, byte for byte
+    .fields                         its values by key (cloudid, login, password, uri, model, vendor)
+    .number                         the stream number
+    .keepalive()                    sends one and expects exactly "ok"
+    .send_options(cseq=1, extra="") -> the request sent
+    .start_relay(cseq=1, extra="") -> the camera's answer, up to its blank line
+"""
+
+import random
+import re
+import socket
+import struct
+import threading
+import time
+from collections.abc import Callable
+
+KEEPALIVE = b"\r\n\r\n"
+BLANK_LINE = b"\r\n\r\n"
+
+
+class Connection:
+    def __init__(self, sock: socket.socket, timeout: float = 10):
+        self.sock = sock
+        self.timeout = timeout
+        self._held = b""    # received but not yet asked for
+
+    def recv(self, size: int = 65536) -> bytes:
+        if self._held:
+            data, self._held = self._held[:size], self._held[size:]
+            return data
+        return self._recv_before(time.monotonic() + self.timeout, size)
+
+    def _recv_before(self, deadline: float, size: int = 65536) -> bytes:
+        self.sock.settimeout(max(deadline - time.monotonic(), 0.001))
+        try:
+            return self.sock.recv(size)
+        except (ConnectionResetError, BrokenPipeError):
+            return b""
+        except TimeoutError:
+            raise
+        except OSError:      # closed by the test's end
+            return b""
+
+    def _fill(self, enough: Callable[[bytes], int], wanted: str) -> bytes:
+        """Receives until `enough` gives the length to take, keeping the rest."""
+        deadline = time.monotonic() + self.timeout
+        chunks, data = [], self._held
+        self._held = b""
+        while (end := enough(data)) < 0:
+            try:
+                chunk = self._recv_before(deadline)
+            except TimeoutError:
+                chunk, reason = b"", f"within {self.timeout} s"
+            else:
+                reason = "before the close"
+            if not chunk:
+                shown = data if len(data) < 300 else data[:300] + b"..."
+                raise AssertionError(f"no {wanted} {reason}: got {len(data)} bytes {shown!r}")
+            data += chunk
+        self._held = data[end:]
+        return data[:end]
+
+    def recv_until(self, marker: bytes) -> bytes:
+        def end(data: bytes) -> int:
+            at = data.find(marker)
+            return at if at < 0 else at + len(marker)
+        return self._fill(end, f"{marker!r}")
+
+    def recv_exactly(self, n: int) -> bytes:
+        data = bytearray(self._held[:n])
+        self._held = self._held[n:]
+        deadline = time.monotonic() + self.timeout
+        while len(data) < n:
+            try:
+                chunk = self._recv_before(deadline, min(n - len(data), 1 << 20))
+            except TimeoutError:
+                chunk = b""
+            if not chunk:
+                raise AssertionError(f"got {len(data)} of {n} bytes: {bytes(data[:300])!r}")
+            data += chunk
+        return bytes(data)
+
+    def recv_all(self) -> bytes:
+        data = bytearray(self._held)
+        self._held = b""
+        deadline = time.monotonic() + self.timeout
+        while chunk := self._recv_before(deadline):
+            data += chunk
+        return bytes(data)
+
+    def send(self, data: bytes) -> None:
+        self.sock.settimeout(self.timeout)
+        self.sock.sendall(data)
+
+    def expect(self, data: bytes) -> None:
+        got = self.recv_exactly(len(data))
+        assert got == data, f"expected {data[:300]!r}, got {got[:300]!r}"
+
+    def expect_closed(self) -> None:
+        try:
+            got = self.recv_all()
+        except TimeoutError:
+            raise AssertionError(f"not closed within {self.timeout} s") from None
+        assert not got, f"expected the close, got {got[:300]!r}"
+
+    def expect_silence(self, seconds: float) -> None:
+        assert not self._held, f"expected silence, got {self._held[:300]!r}"
+        try:
+            got = self._recv_before(time.monotonic() + seconds)
+        except TimeoutError:
+            return
+        raise AssertionError(f"expected silence, got {got[:300]!r}" if got else "peer closed")
+
+    def wait_closed(self, timeout: float | None = None) -> None:
+        deadline = time.monotonic() + (self.timeout if timeout is None else timeout)
+        try:
+            while self._recv_before(deadline):
+                pass
+        except TimeoutError:
+            raise AssertionError("not closed in time") from None
+
+    def half_close(self) -> None:
+        self.sock.shutdown(socket.SHUT_WR)
+
+    def close(self, reset: bool = False) -> None:
+        try:
+            if reset:
+                self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                     struct.pack("ii", 1, 0))
+            else:
+                self.sock.shutdown(socket.SHUT_RDWR)   # wakes a thread that is receiving
+        except OSError:
+            pass
+        self.sock.close()
+
+
+class ScriptedServer:
+    def __init__(self, behaviour: Callable[[Connection], None], port: int = 0,
+                 timeout: float = 10, receive_buffer: int | None = None):
+        self.timeout = timeout
+        self.connections: list[Connection] = []
+        self.errors: list[AssertionError] = []
+        self.closing = threading.Event()
+        self._behaviour = behaviour
+        self._listener = socket.socket()
+        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        if receive_buffer:
+            self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        self._listener.bind(("127.0.0.1", port))
+        self._listener.listen(128)
+        self.port: int = self._listener.getsockname()[1]
+        self._threads = [threading.Thread(target=self._accept, daemon=True)]
+        self._threads[0].start()
+
+    def make_connection(self, sock: socket.socket) -> Connection:
+        return Connection(sock, self.timeout)
+
+    def _accept(self) -> None:
+        while True:
+            try:
+                sock, _ = self._listener.accept()
+            except OSError:
+                return
+            sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            connection = self.make_connection(sock)
+            self.connections.append(connection)
+            thread = threading.Thread(target=self._run, args=(connection,), daemon=True)
+            self._threads.append(thread)
+            thread.start()
+
+    def _run(self, connection: Connection) -> None:
+        try:
+            self._behaviour(connection)
+        except AssertionError as error:
+            if not self.closing.is_set():
+                self.errors.append(error)
+        except OSError:
+            pass             # the agent went away, or a deadline passed: tests look at the agent
+        finally:
+            self.done_with(connection)
+
+    def done_with(self, connection: Connection) -> None:
+        connection.close()
+
+    def close(self) -> None:
+        self.closing.set()
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._listener.close()
+        for connection in list(self.connections):
+            connection.close()
+        for thread in self._threads:
+            thread.join(5)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, _value, _trace) -> None:
+        self.close()
+        if kind is None and self.errors:
+            raise self.errors[0]
+
+
+# Balancer
+
+def http_answer(message: str, status: str = "200 OK", headers: str = "") -> bytes:
+    body = f'{{"message":"{message}"}}'
+    return (f"HTTP/1.1 {status}\r\nContent-Type: application/json\r\n{headers}"
+            f"Content-Length: {len(body)}\r\n\r\n{body}").encode()
+
+
+class ScriptedBalancer(ScriptedServer):
+    def __init__(self, answers: list, port: int = 8111, timeout: float = 10):
+        self.answers = list(answers)
+        self.requests: list[bytes] = []
+        self._turn = threading.Lock()
+        super().__init__(self._serve, port, timeout)
+
+    def _serve(self, connection: Connection) -> None:
+        request = connection.recv_until(BLANK_LINE)
+        with self._turn:
+            self.requests.append(request)
+            answer = self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
+        if callable(answer):
+            answer(connection, request)
+        else:
+            connection.send(answer)
+            connection.half_close()
+            connection.wait_closed()
+
+
+# Camera
+
+class Request:
+    def __init__(self, raw: bytes):
+        self.raw = raw
+        line = raw.split(b"\r\n", 1)[0].decode("latin-1")
+        self.url = line.partition(" ")[2].rpartition(" ")[0]
+        place, slash, path = self.url.removeprefix("rtsp://").rpartition("@")[2].partition("/")
+        self.path = slash + path
+        self.user = self.url.removeprefix("rtsp://").rpartition("@")[0]
+        cseq = re.search(rb"CSeq:\s*(\d+)", raw)
+        self.cseq = int(cseq[1]) if cseq else 0
+
+
+Answer = Callable[[Request], bytes | None]
+Behaviour = Callable[[Connection, Request], None]
+
+
+def ok_answer(request: Request) -> bytes:
+    """About what real cameras answer, some 200 bytes."""
+    return (f"RTSP/1.0 200 OK\r\nCSeq: {request.cseq}\r\nPublic: OPTIONS, DESCRIBE, ANNOUNCE, "
+            "GET_PARAMETER, PAUSE, PLAY, RECORD, SETUP, SET_PARAMETER, TEARDOWN\r\n"
+            "Server: scripted camera\r\nDate: Thu, 01 Jan 1970 00:00:00 GMT\r\n\r\n").encode()
+
+
+def status_answer(status: str) -> Answer:
+    return lambda request: f"RTSP/1.0 {status}\r\nCSeq: {request.cseq}\r\n\r\n".encode()
+
+
+def fixed_answer(data: bytes) -> Answer:
+    return lambda _request: data
+
+
+def no_answer(_request: Request) -> None:
+    return None
+
+
+def hang_up(_request: Request) -> bytes:
+    return b""
+
+
+def pattern(n: int, seed: int = 0) -> bytes:
+    return random.Random(seed).randbytes(n)
+
+
+def frames(n: int, size: int = 1400) -> bytes:
+    """`n` bytes of interleaved frames on channel 0, counted from 0 in their first 4 bytes."""
+    out = bytearray()
+    count = 0
+    while len(out) < n:
+        length = min(size, max(n - len(out) - 4, 4))
+        payload = count.to_bytes(4, "big") + bytes(max(length - 4, 0))
+        out += b"$\x00" + len(payload).to_bytes(2, "big") + payload
+        count += 1
+    return bytes(out[:n])
+
+
+def silent(connection: Connection, _request: Request) -> None:
+    connection.timeout = 3600
+    connection.wait_closed()
+
+
+def echo(connection: Connection, _request: Request) -> None:
+    connection.timeout = 3600
+    while data := connection.recv():
+        connection.send(data)
+
+
+def never_read(connection: Connection, _request: Request) -> None:
+    """Leaves everything unread; ends when the camera is closed."""
+    while connection.sock.fileno() >= 0:
+        time.sleep(0.05)
+
+
+def hang_up_after(n: int) -> Behaviour:
+    def run(connection: Connection, _request: Request) -> None:
+        left = n
+        while left > 0 and (data := connection.recv(left)):
+            left -= len(data)
+    return run
+
+
+def bulk(n: int, seed: int = 0) -> Behaviour:
+    def run(connection: Connection, _request: Request) -> None:
+        connection.timeout = 120
+        connection.send(pattern(n, seed))
+        connection.half_close()
+        connection.wait_closed()
+    return run
+
+
+def stream(bit_rate: int, limit: int | None = None) -> Behaviour:
+    """Frames at `bit_rate` bits a second, in about 50 bursts a second, `limit` bytes in all."""
+    def run(connection: Connection, _request: Request) -> None:
+        connection.timeout = 120
+        began, sent = time.monotonic(), 0
+        burst = frames(max(bit_rate // 8 // 50, 64))
+        while limit is None or sent < limit:
+            data = burst if limit is None else burst[:limit - sent]
+            connection.send(data)
+            sent += len(data)
+            time.sleep(max(began + sent * 8 / bit_rate - time.monotonic(), 0))
+        connection.half_close()
+        connection.wait_closed()
+    return run
+
+
+class ScriptedCamera(ScriptedServer):
+    def __init__(self, behaviour: Behaviour | dict[str, Behaviour] = silent, port: int = 0,
+                 probe: Answer = ok_answer, handshake: Answer = ok_answer, timeout: float = 10):
+        self.behaviour = behaviour
+        self.probe, self.handshake = probe, handshake   # may be changed while the camera runs
+        self.probes: list[Request] = []
+        self.requests: list[Request] = []
+        self._arrived = threading.Condition()
+        super().__init__(self._serve, port, timeout)
+
+    def url(self, path: str = "/stream", user: str = "") -> str:
+        return f"rtsp://{user + '@' if user else ''}127.0.0.1:{self.port}{path}"
+
+    def wait_requests(self, n: int, timeout: float = 10) -> None:
+        with self._arrived:
+            assert self._arrived.wait_for(lambda: len(self.requests) >= n, timeout), \
+                f"{len(self.requests)} of {n} handshakes within {timeout} s"
+
+    def _serve(self, connection: Connection) -> None:
+        data = connection.recv()
+        while data and BLANK_LINE not in data:
+            data += connection.recv()
+        if not data:
+            return
+        end = data.index(BLANK_LINE) + len(BLANK_LINE)
+        request, connection._held = Request(data[:end]), data[end:]
+        is_probe = b"\r\nUser-Agent: Camera Proxy\r\n" in request.raw
+        with self._arrived:
+            (self.probes if is_probe else self.requests).append(request)
+            self._arrived.notify_all()
+        answer = (self.probe if is_probe else self.handshake)(request)
+        if answer is None:
+            silent(connection, request)
+        elif answer:
+            connection.send(answer)
+            if is_probe or b" 200 " not in answer:
+                connection.wait_closed()
+            else:
+                self._behaviour_of(request)(connection, request)
+
+    def _behaviour_of(self, request: Request) -> Behaviour:
+        if isinstance(self.behaviour, dict):
+            return self.behaviour.get(request.path, silent)
+        return self.behaviour
+
+
+# Cloud
+
+class CloudConnection(Connection):
+    registration = b""
+    fields: dict[str, str] = {}
+    number = 0
+
+    def read_registration(self) -> None:
+        keys = ("cloudid", "login", "password", "uri", "model", "vendor")
+        form = b"REGISTER={" + b",".join(b'"%s":"(.*)"' % k.encode() for k in keys) + b"}"
+
+        def end(data: bytes) -> int:
+            return len(data) if re.fullmatch(form, data, re.DOTALL) else -1
+        self.registration = self._fill(end, "registration")
+        match = re.fullmatch(form, self.registration, re.DOTALL)
+        self.fields = {k: v.decode("latin-1") for k, v in zip(keys, match.groups())}
+        self.number = int(self.fields["cloudid"].rpartition("/")[2])
+
+    def keepalive(self) -> None:
+        self.send(KEEPALIVE)
+        self.expect(b"ok")
+
+    def send_options(self, cseq: int = 1, extra: str = "") -> bytes:
+        request = (f"OPTIONS rtsp://127.0.0.1:8554/{self.fields.get('cloudid', '')} RTSP/1.0\r\n"
+                   f"CSeq: {cseq}\r\nUser-Agent: scripted viewer\r\n{extra}\r\n").encode()
+        self.send(request)
+        return request
+
+    def start_relay(self, cseq: int = 1, extra: str = "") -> bytes:
+        self.send_options(cseq, extra)
+        return self.recv_until(BLANK_LINE)
+
+
+class ScriptedCloud(ScriptedServer):
+    """Pull-style: the test takes registered connections and says what happens on them."""
+
+    def __init__(self, port: int = 0, timeout: float = 10, receive_buffer: int | None = None):
+        self._waiting: list[CloudConnection] = []
+        self._arrived = threading.Condition()
+        self.registered_count = 0
+        super().__init__(self._register, port, timeout, receive_buffer)
+
+    def make_connection(self, sock: socket.socket) -> CloudConnection:
+        return CloudConnection(sock, self.timeout)
+
+    def _register(self, connection: Connection) -> None:
+        assert isinstance(connection, CloudConnection)
+        connection.read_registration()
+        with self._arrived:
+            self._waiting.append(connection)
+            self.registered_count += 1
+            self._arrived.notify_all()
+
+    def done_with(self, connection: Connection) -> None:
+        """A registered connection is the test's from here on, and stays open."""
+        if not isinstance(connection, CloudConnection) or not connection.fields:
+            connection.close()
+
+    def accept(self, number: int | None = None, timeout: float = 10) -> CloudConnection:
+        def of_number() -> CloudConnection | None:
+            return next((c for c in self._waiting if number in (None, c.number)), None)
+        with self._arrived:
+            assert self._arrived.wait_for(of_number, timeout), \
+                f"no registration{f' of stream {number}' if number else ''} within {timeout} s"
+            connection = of_number()
+            self._waiting.remove(connection)
+            return connection
