@@ -9,4 +9,15 @@ if(NOT CAMERA_AGENT_BALANCER_ADDRESS MATCHES "^${octet}\\.${octet}\\.${octet}\\.
 endif()
 message(STATUS "Balancer address built in: ${CAMERA_AGENT_BALANCER_ADDRESS}")
 
+set(CAMERA_AGENT_ACCOUNT_HOST "127.0.0.1:8112" CACHE STRING
+    "Host of the cloud account service, with its port unless that is 80 (default: the simulator)")
+set(CAMERA_AGENT_CAMERA_WEB_HOST "127.0.0.1:8443" CACHE STRING
+    "Host of the cloud's camera web interface, with its port unless that is 443")
+foreach(host IN ITEMS CAMERA_AGENT_ACCOUNT_HOST CAMERA_AGENT_CAMERA_WEB_HOST)
+  if(NOT ${host} MATCHES "^[A-Za-z0-9.-]+(:[0-9]+)?$")
+    message(FATAL_ERROR "${host} must be a host name or address, with an optional port, "
+                        "not \"${${host}}\"")
+  endif()
+endforeach()
+
 configure_file(src/core/deployment.h.in ${CMAKE_CURRENT_BINARY_DIR}/generated/core/deployment.h @ONLY)

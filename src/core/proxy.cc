@@ -148,9 +148,6 @@ static void set_all_offline() {
 
 void proxy_cleanup() {
   log_message(LOG_INFO, "Starting proxy cleanup");
-  // The workers leave first: while they do, no request of the web server can hold them up, and
-  // after it nobody but the server's own thread calls the monitor.
-  workers_stop();
   if (proxy_context.config.http_enabled) {
     if (http_server_running()) {
       http_server_stop();
@@ -158,6 +155,8 @@ void proxy_cleanup() {
       log_message(LOG_INFO, "Web server already stopped");
     }
   }
+  // From here on nobody else uses the stream records or the monitor.
+  workers_stop();
   set_all_offline();
   release_streams();
   monitor_cleanup();

@@ -8,6 +8,8 @@
 
 #include "core/clock.h"
 #include "core/log.h"
+#include "web/assets.h"
+#include "web/template.h"
 
 static constexpr size_t FRAMING_ROOM = 256;          // bytes beside the body
 static constexpr size_t ERROR_PAGE_CAPACITY = 1024;  // bytes
@@ -43,16 +45,6 @@ static constexpr std::string_view FULL_ERROR =
 static constexpr std::string_view BARE_ERROR =
     "HTTP/1.1 500 Internal Server Error\r\n"
     "\r\n";
-
-static constexpr char ERROR_PAGE[] =
-    "<html>\n"
-    "<head><title>Error</title></head>\n"
-    "<body>\n"
-    "    <h1>Error</h1>\n"
-    "    <p>%s</p>\n"
-    "    <a href=\"/\">Back to Home</a>\n"
-    "</body>\n"
-    "</html>";
 
 // One write, whose wait the socket's send time-out bounds; a response that has taken too long as a
 // whole fails too. Both fail as ETIMEDOUT.
@@ -117,7 +109,8 @@ void http_send_error(int socket, const char *message) {
     }
     return;
   }
-  if (!string_builder_appendf(page.get(), ERROR_PAGE, message)) {
+  const TemplateField fields[] = {{"message", message}};
+  if (!template_append(page.get(), ASSET_ERROR_HTML, fields)) {
     if (!write_text(socket, BARE_ERROR)) {
       log_message(LOG_ERROR, "Failed to send minimal error response");
     }

@@ -171,7 +171,7 @@ function showDetail(row, success, message) {
   const added = row.isPair ? texts.pairAdded : texts.streamAdded;
   const detail = document.createElement('div');
   detail.className = `progress-item ${success ? 'success' : 'error'}`;
-  detail.textContent = title + (success ? added : message);
+  detail.textContent = title + (success ? added : (message ?? ''));
   const details = document.getElementById('progressDetails');
   details.append(detail);
   details.scrollTop = details.scrollHeight;

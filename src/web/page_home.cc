@@ -1,0 +1,48 @@
+#include "web/page_home.h"
+
+#include <span>
+
+#include "web/assets.h"
+#include "web/http_server.h"
+#include "web/page.h"
+#include "web/style_sheet.h"
+#include "web/template.h"
+
+static constexpr size_t PAGE_CAPACITY = 1024;  // bytes
+
+static bool append_head(StringBuilder *page) {
+  const TemplateField fields[] = {
+      {"style", shared_style_sheet()},
+      {"page_style", ASSET_HOME_CSS},
+  };
+  return template_append(page, ASSET_HOME_HEAD_HTML, fields) && string_builder_append(page, "\n");
+}
+
+static bool append_link(StringBuilder *page, const HttpHandler &route) {
+  const TemplateField fields[] = {
+      {"path", route.path},
+      {"link_id", route.link_id},
+  };
+  return template_append(page, ASSET_HOME_LINK_HTML, fields) && string_builder_append(page, "\n");
+}
+
+static bool append_links(StringBuilder *page) {
+  const std::span routes(http_server.handlers.data(), http_server.handler_count);
+  for (const HttpHandler &route : routes) {
+    if (route.show_on_home && !append_link(page, route)) return false;
+  }
+  return true;
+}
+
+static bool append_tail(StringBuilder *page) {
+  const TemplateField fields[] = {{"script", ASSET_HOME_JS}};
+  return template_append(page, ASSET_HOME_TAIL_HTML, fields);
+}
+
+static bool append_page(StringBuilder *page) {
+  return append_head(page) && append_links(page) && append_tail(page);
+}
+
+void handle_home_page(int socket) {
+  page_serve(socket, PAGE_CAPACITY, append_page);
+}
