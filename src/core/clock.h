@@ -5,6 +5,8 @@
 #include <stdint.h>
 #include <time.h>
 
+static_assert(sizeof(time_t) == 8, "the C library must offer 64-bit times");
+
 // Milliseconds since some fixed moment. Any thread.
 [[nodiscard]] inline int64_t monotonic_ms() {
   timespec now;

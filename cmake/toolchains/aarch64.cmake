@@ -1,0 +1,6 @@
+# Debian packages gcc-aarch64-linux-gnu and g++-aarch64-linux-gnu; for a maker's own
+# toolchain copy this file and name its compilers.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)

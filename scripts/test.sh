@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Everything that must pass, from a fresh clone, as root on Debian 12: style, builds with both
+# compilers, unit tests, whole-agent tests and browser tests, the former two also under the
+# sanitizers. Installs what it lacks. About a quarter of an hour on two cores.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. scripts/packages.sh
+
+python=/usr/bin/python3  # the GStreamer and Selenium bindings belong to the system's interpreter
+export REQUIRE_ALL=1     # a test that lacks a program fails instead of being left out
+
+main() {
+    ensure_packages cmake ninja-build g++ clang clang-format clang-tidy libgtest-dev binutils \
+        python3 python3-pytest python3-pytest-xdist python3-selenium python3-gi iproute2 openssl \
+        gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
+        gstreamer1.0-plugins-bad ffmpeg chromium chromium-driver fonts-dejavu-core
+    step "style" check_style
+    for preset in release dev asan tsan; do step "build $preset" build $preset; done
+    step "binary" scripts/check_symbols.sh
+    step "build settings" check_settings
+    step "lint" check_lint
+    for preset in dev asan tsan; do step "unit tests, $preset" unit_tests $preset; done
+    step "whole agent" agent_tests release
+    step "browser" env CAMERA_AGENT=build/release/camera-agent \
+        $python -m pytest -q tests/browser
+    step "whole agent, asan" agent_tests asan -m "not heavy"
+    step "whole agent, tsan" agent_tests tsan -m "not heavy"
+    echo "everything passed in $SECONDS s"
+}
+
+# step NAME COMMAND...: says what runs and how long it took; a failure ends the script.
+step() {
+    local name=$1 began=$SECONDS
+    shift
+    echo "=== $name"
+    "$@"
+    echo "--- $name: $((SECONDS - began)) s"
+}
+
+check_style() {
+    clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/*.h \
+        tests/support/*.cc
+}
+
+# Quiet unless it fails.
+build() {
+    local log
+    log=$(mktemp)
+    if ! { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1; then
+        tail -n 60 "$log" >&2
+        rm -f "$log"
+        return 1
+    fi
+    rm -f "$log"
+}
+
+# Values that the agent could not use must stop the configuration, not the device.
+check_settings() {
+    local setting folder
+    folder=$(mktemp -d)
+    for setting in BALANCER_ADDRESS=balancer.example BALANCER_ADDRESS=1.2.3 \
+                   BALANCER_ADDRESS=1.2.3.256 ACCOUNT_HOST=http://x CAMERA_WEB_HOST=; do
+        if cmake -S . -B "$folder" -G Ninja "-DCAMERA_AGENT_$setting" >"$folder/log" 2>&1; then
+            echo "CMake accepted CAMERA_AGENT_$setting" >&2
+            return 1
+        fi
+        grep -q "CAMERA_AGENT_${setting%%=*} must be" "$folder/log"
+    done
+    cmake -S . -B "$folder" -G Ninja -DCAMERA_AGENT_BALANCER_ADDRESS=10.20.30.40 >"$folder/log"
+    grep -q "Balancer address built in: 10.20.30.40" "$folder/log"
+    rm -rf "$folder"
+}
+
+check_lint() {
+    printf '%s\n' src/*/*.cc | xargs -P 2 -n 5 clang-tidy -p build/dev --quiet 2>/dev/null
+}
+
+unit_tests() {
+    ctest --preset "$1" -j 2 --progress
+}
+
+# agent_tests PRESET [PYTEST OPTIONS]: each worker runs in a network namespace of its own.
+agent_tests() {
+    local preset=$1
+    shift
+    CAMERA_AGENT=build/$preset/camera-agent $python -m pytest -q -n 2 tests/agent "$@"
+}
+
+main
