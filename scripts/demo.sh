@@ -87,7 +87,7 @@ start_all() {
     start cloud "$python" $simulators/cloud.py --cloud-id "$cloud_id"
     if [[ $1 == yes ]]; then wait_for camera '^ready'; fi
     wait_for cloud '^ready'
-    start agent "$agent" -d -c "$work" -v Demo -m Cam1 -s "$camera_url" -p 8282
+    start agent "$agent" -d -l -c "$work" -v Demo -m Cam1 -s "$camera_url" -p 8282
     wait_for cloud "registered $cloud_id/1 "
 }
 
@@ -129,8 +129,9 @@ all_alive() {
 show_log() {
     echo "player:  ffplay -rtsp_transport tcp $player_url"
     echo "browser: $page_url"
-    echo "Ctrl-C ends the demo. The log of the agent:"
-    tail -n +1 -f "$work/agent.log" &
+    echo "account: http://127.0.0.1:8112/cameras lists what the pages have added"
+    echo "Ctrl-C ends the demo. What the cloud sees, and the log of the agent:"
+    tail -q -n +1 -f "$work/cloud.log" "$work/agent.log" &
     names=("log" "${names[@]}") pids=($! "${pids[@]}")   # ends last, to show the agent's stop
     while all_alive; do sleep 0.5; done
 }
