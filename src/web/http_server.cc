@@ -53,12 +53,13 @@ static const HttpHandler *find_handler(const char *target) {
   return found == used.end() ? nullptr : &*found;
 }
 
-// Reads once and answers from that part alone; only the request line is looked at.
-static void http_handle_client(int socket) {
+// Reads once and answers from that part alone; only the request line is looked at. False without an
+// answer: the client sent nothing.
+static bool http_handle_client(int socket) {
   set_client_timeouts(socket);
   char request[REQUEST_SIZE];
   const ssize_t received = recv(socket, request, sizeof request - 1, 0);
-  if (received <= 0) return;
+  if (received <= 0) return false;
   request[received] = '\0';
 
   char method[16];
@@ -66,7 +67,7 @@ static void http_handle_client(int socket) {
   char version[16];
   if (sscanf(request, "%15s %255s %15s", method, target, version) < 3) {
     http_send_not_found(socket);
-    return;
+    return true;
   }
   const HttpHandler *handler = find_handler(target);
   if (handler) {
@@ -74,6 +75,7 @@ static void http_handle_client(int socket) {
   } else {
     http_send_not_found(socket);
   }
+  return true;
 }
 
 // Closing with request bytes unread would reset the connection and could cut off the response on
@@ -108,8 +110,7 @@ static void leave_client() {
 
 static void serve_client(const Fd &client) {
   if (!enter_client(client.get())) return;
-  http_handle_client(client.get());
-  drain(client.get());
+  if (http_handle_client(client.get())) drain(client.get());
   leave_client();
 }
 
@@ -202,7 +203,8 @@ bool http_register_handler(const char *path, const char *link_id, bool show_on_h
   return true;
 }
 
-static void reset_server(uint16_t port) {
+// No other thread exists yet.
+static void reset_server(uint16_t port) UNCHECKED_LOCKS {
   http_server.listen_fd = -1;
   http_server.server_thread = {};
   http_server.running = 1;
