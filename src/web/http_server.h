@@ -31,10 +31,10 @@ struct HttpServer {
   uint32_t handler_count;
   uint16_t port;
   int shutdown_pipe[2];  // read end, write end; -1 when closed
-  int client_fd;         // the connection being served; -1 when none
   // Guards the closing of the descriptors against the stop operation, which writes to the pipe and
   // cuts off the client from the main thread.
   Mutex lock;
+  int client_fd GUARDED_BY(lock);  // the connection being served; -1 when none
 };
 
 extern HttpServer http_server;
