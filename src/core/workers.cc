@@ -1,8 +1,12 @@
 #include "core/workers.h"
 
 #include <assert.h>
+#include <malloc.h>
 #include <pthread.h>
+#include <stdint.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -16,8 +20,9 @@
 // A stream holds at most two sockets at a time: its cloud and its camera connection.
 static constexpr size_t MAX_SOCKETS = 2 * MAX_STREAMS;
 
-static constexpr int WAKE_INTERVAL = 10;  // ms between two rounds of waking
-static constexpr int GENTLE_TIME = 600;   // ms after which the send side is shut as well
+static constexpr int WAKE_INTERVAL = 10;   // ms between two rounds of waking
+static constexpr size_t OWN_FRAME = 1024;  // bytes of stack that the release of the rest needs
+static constexpr int GENTLE_TIME = 600;    // ms after which the send side is shut as well
 
 struct Workers {
   Mutex lock;
@@ -29,6 +34,11 @@ struct Workers {
 static Workers workers;
 
 void workers_open() {
+#if defined(__GLIBC__)
+  // One heap for all: by default each thread that allocates gets an arena of its own, up to eight
+  // per core.
+  mallopt(M_ARENA_MAX, 1);
+#endif
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
   pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
@@ -71,8 +81,36 @@ int worker_start(void *(*body)(void *), void *argument) {
   return result;
 }
 
+// The lowest address of this worker's stack; none when it could not be found out.
+static thread_local char *stack_bottom;
+
+WorkerPresence::WorkerPresence() {
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+  void *bottom = nullptr;
+  size_t size = 0;
+  pthread_attr_getstack(&attributes, &bottom, &size);
+  pthread_attr_destroy(&attributes);
+  stack_bottom = static_cast<char *>(bottom);
+}
+
 WorkerPresence::~WorkerPresence() {
   worker_left();
+}
+
+// Only whole pages can be given back.
+static void release_pages(char *begin, const char *end) {
+  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const auto first = (reinterpret_cast<uintptr_t>(begin) + page - 1) & ~(page - 1);
+  const auto last = reinterpret_cast<uintptr_t>(end) & ~(page - 1);
+  if (first >= last) return;
+  madvise(begin + (first - reinterpret_cast<uintptr_t>(begin)), last - first, MADV_DONTNEED);
+}
+
+void worker_release_memory(char *buffer, size_t size) {
+  release_pages(buffer, buffer + size);
+  const auto *frame = static_cast<const char *>(__builtin_frame_address(0));
+  if (stack_bottom) release_pages(stack_bottom, frame - OWN_FRAME);
 }
 
 void worker_pause(int milliseconds) {

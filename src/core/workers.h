@@ -14,7 +14,8 @@
 // reserve a gigabyte of a 32-bit address space. The deepest path uses less than a third.
 inline constexpr size_t WORKER_STACK_SIZE = size_t{128} * 1024;
 
-// Prepares the room. Main thread, once, before any worker.
+// Prepares the room, and the heap for many threads that rarely allocate. Main thread, once, before
+// any worker.
 void workers_open();
 
 // Starts body(argument) on a detached thread with SIGINT and SIGTERM blocked, so that these always
@@ -25,7 +26,7 @@ void workers_open();
 // Stands for a running worker, which tear-down waits for.
 class WorkerPresence {
  public:
-  WorkerPresence() = default;
+  WorkerPresence();
   WorkerPresence(const WorkerPresence &) = delete;
   WorkerPresence &operator=(const WorkerPresence &) = delete;
   ~WorkerPresence();
@@ -33,6 +34,11 @@ class WorkerPresence {
 
 // Worker: sleeps by the monotonic clock; returns early when tear-down begins.
 void worker_pause(int milliseconds);
+
+// Worker, about to wait for long: gives the memory back that earlier work has touched on the stack
+// below this call, and the pages of `buffer`, whose content is lost. With 64 streams that is most
+// of what the agent would hold while nobody watches.
+void worker_release_memory(char *buffer, size_t size);
 
 // A worker's socket: tear-down can wake whoever blocks on it, and never touches its number after
 // it has been closed. -1 means none.

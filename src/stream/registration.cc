@@ -4,17 +4,21 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
+#include <algorithm>
 #include <string_view>
 
 #include "core/context.h"
 #include "core/log.h"
 #include "core/tcp.h"
+#include "core/workers.h"
 #include "monitor/monitor.h"
 #include "stream/socket_options.h"
 
 static constexpr int REGISTER_TIMEOUT = 2;     // seconds
 static constexpr int IDLE_TIMEOUT = 120;       // seconds the cloud may stay silent
+static constexpr size_t HEAD_SIZE = 16;        // bytes of a message received apart
 static constexpr size_t REGISTER_SIZE = 1024;  // bytes; the message must be shorter
 
 // Agent to cloud. The values are inserted as they are, without JSON escaping.
@@ -60,13 +64,32 @@ static bool register_stream(int socket, const StreamContext *stream) {
   return true;
 }
 
-// One message of the cloud, terminated, in `buffer`: its length, or -1 when there will be none.
-static ssize_t receive_message(int socket, char *buffer, size_t size) {
-  const ssize_t received = recv(socket, buffer, size - 1, 0);
-  if (received > 0) {
-    buffer[received] = '\0';
-    return received;
-  }
+// Where one message is received: its first bytes in `head`, the others in `buffer` at the place
+// where they belong. So a keepalive leaves the buffer, and the page it would cost, untouched.
+struct MessageRoom {
+  char head[HEAD_SIZE];
+  char *buffer;
+  size_t size;  // of the buffer, more than HEAD_SIZE
+};
+
+// The first bytes join the others, and the whole is terminated.
+static std::string_view complete_message(const MessageRoom &room, size_t length) {
+  memcpy(room.buffer, room.head, std::min(length, HEAD_SIZE));
+  room.buffer[length] = '\0';
+  return {room.buffer, length};
+}
+
+// One message of the cloud: its length, or -1 when there will be none.
+static ssize_t receive_message(int socket, MessageRoom *room) {
+  iovec parts[] = {
+      {.iov_base = room->head, .iov_len = HEAD_SIZE},
+      {.iov_base = room->buffer + HEAD_SIZE, .iov_len = room->size - 1 - HEAD_SIZE},
+  };
+  msghdr message = {};
+  message.msg_iov = parts;
+  message.msg_iovlen = std::size(parts);
+  const ssize_t received = recvmsg(socket, &message, 0);
+  if (received > 0) return received;
   // Tear-down wakes this receive as if the cloud had closed.
   if (!agent_running()) return -1;
   if (received == 0) {
@@ -90,13 +113,15 @@ static bool answer_keepalive(int socket, const StreamContext *stream) {
 
 int cloud_wait_for_options(int socket, const StreamContext *stream, char *buffer, size_t size) {
   if (!register_stream(socket, stream)) return -1;
+  worker_release_memory(buffer, size);
+  MessageRoom room = {.head = {}, .buffer = buffer, .size = size};
   while (agent_running()) {
-    const ssize_t received = receive_message(socket, buffer, size);
+    const ssize_t received = receive_message(socket, &room);
     if (received < 0) return -1;
-    const std::string_view message(buffer, static_cast<size_t>(received));
-    if (message == KEEPALIVE) {
+    const auto length = static_cast<size_t>(received);
+    if (std::string_view(room.head, std::min(length, HEAD_SIZE)) == KEEPALIVE) {
       if (!answer_keepalive(socket, stream)) return -1;
-    } else if (message.starts_with(OPTIONS_TRIGGER)) {
+    } else if (complete_message(room, length).starts_with(OPTIONS_TRIGGER)) {
       log_message(LOG_INFO, "Received OPTIONS command for stream %d", int{stream->stream_id});
       return static_cast<int>(received);
     } else {

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "cloud/backoff.h"
+#include "core/config.h"
 #include "core/context.h"
 #include "core/log.h"
 #include "core/tcp.h"
@@ -21,6 +22,11 @@ static constexpr int CLOUD_DELAY_CAP = 60;     // seconds
 static constexpr int CONNECT_TIMEOUT = 10;     // seconds
 static constexpr int CONNECTED_TIMEOUT = 120;  // seconds
 static constexpr size_t MESSAGE_SIZE = 8192;   // bytes of one message of the cloud
+
+// Where each stream's cloud messages are received: not on the stack, where the buffer would stand
+// between the pages that a waiting thread needs. A page of it is used only while there is a
+// message.
+alignas(4096) static char message_buffers[MAX_STREAMS][MESSAGE_SIZE];
 
 static void pause_seconds(int seconds) {
   worker_pause(seconds * 1000);
@@ -59,13 +65,12 @@ static WorkerSocket connect_to_cloud(const StreamContext *stream) {
   return cloud;
 }
 
-// One cloud connection from registration to the end of its relay. True when a relay ran. Not
-// inlined: its buffer and the probe's are to share the same part of the thread's stack.
-[[gnu::noinline]] static bool serve_cloud(const StreamContext *stream) {
+// One cloud connection from registration to the end of its relay. True when a relay ran.
+static bool serve_cloud(const StreamContext *stream) {
   const WorkerSocket cloud = connect_to_cloud(stream);
   if (!cloud) return false;
-  char request[MESSAGE_SIZE];
-  if (cloud_wait_for_options(cloud.get(), stream, request, sizeof request) <= 0) {
+  char *request = message_buffers[stream->stream_id - 1];
+  if (cloud_wait_for_options(cloud.get(), stream, request, MESSAGE_SIZE) <= 0) {
     // Reported also when it is the agent that stops.
     monitor_update_error(stream->stream_id, EPROTO, "Failed to receive OPTIONS from cloud");
     return false;
