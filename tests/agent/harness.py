@@ -1,0 +1,299 @@
+"""What the tests of the whole agent stand on: the process under test and the rig around it.
+
+Agent runs the real binary, keeps its log and looks at it through /proc. Rig puts it between a
+scripted camera, a scripted cloud and its balancer, and lends their connections to the test.
+"""
+
+import contextlib
+import ctypes
+import fcntl
+import os
+import queue
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+SIMULATORS = ROOT / "tools" / "simulators"
+sys.path.insert(0, str(SIMULATORS))
+
+from scripted import (CloudConnection, Connection, Request, ScriptedBalancer,  # noqa: E402
+                      ScriptedCamera, ScriptedCloud, http_answer, never_read)
+
+BINARY = Path(os.environ.get("CAMERA_AGENT", ROOT / "build" / "release" / "camera-agent")).resolve()
+_SANITIZERS = set(re.findall(rb"__([at]san)_init", BINARY.read_bytes()) if BINARY.exists() else ())
+SANITIZED = bool(_SANITIZERS)
+STOP_LIMIT = 4.0 if SANITIZED else 2.0      # seconds from the signal to the exit
+RETURN_LIMIT = 3.0 if SANITIZED else 1.3    # from the end of a relay to registered again
+CLOUD_ID = "cloud-id_0001"
+
+# Exit statuses of a sanitizer that found something: none that the agent has itself.
+SANITIZER_ENVIRONMENT = {"ASAN_OPTIONS": "exitcode=97", "TSAN_OPTIONS": "exitcode=98",
+                         "LSAN_OPTIONS": "exitcode=99", "UBSAN_OPTIONS": "print_stacktrace=1"}
+SANITIZER_REPORT = re.compile(r"Sanitizer[:\s]|runtime error:")
+LOG_PREFIX = re.compile(r"^\[\d\d:\d\d:\d\d \d\d-\d\d-\d{4}\] \[(ERROR|INFO |DEBUG)\] ", re.M)
+
+
+def enter_network_namespace() -> None:
+    """Moves the calling thread, and all that it starts, to a network of its own with loopback."""
+    clone_newnet, siocsifflags, iff_up_running = 0x40000000, 0x8914, 0x41
+    if ctypes.CDLL(None, use_errno=True).unshare(clone_newnet) != 0:
+        raise OSError(ctypes.get_errno(), "a network namespace is needed, run as root")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+        fcntl.ioctl(sock, siocsifflags, struct.pack("16sh22x", b"lo", iff_up_running))
+
+
+def wait_until(condition, timeout: float = 10, what: str = "condition") -> None:
+    deadline = time.monotonic() + timeout
+    while not condition():
+        assert time.monotonic() < deadline, f"no {what} within {timeout} s"
+        time.sleep(0.005)
+
+
+class Agent:
+    """The binary, started; the log comes as "LEVEL message" without the time stamps."""
+
+    def __init__(self, *arguments: str, stderr=None):
+        self.process = subprocess.Popen(
+            [BINARY, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=stderr or subprocess.PIPE, env={**SANITIZER_ENVIRONMENT, **os.environ})
+        self.pid = self.process.pid
+        self.text = ""                  # all of standard error so far
+        self.status: int | None = None
+        self._arrivals: list[tuple[int, float]] = []    # length of text after each read, and when
+        self._changed = threading.Condition()
+        self._reader: threading.Thread | None = None
+        if self.process.stderr:
+            self.read_log(self.process.stderr.fileno())
+
+    def read_log(self, descriptor: int) -> None:
+        """Begins to read; only for a caller who has given a pipe of its own as `stderr`."""
+        self._reader = threading.Thread(target=self._read, args=(descriptor,), daemon=True)
+        self._reader.start()
+
+    def _read(self, descriptor: int) -> None:
+        while data := os.read(descriptor, 65536):
+            with self._changed:
+                self.text += data.decode("latin-1")
+                self._arrivals.append((len(self.text), time.monotonic()))
+                self._changed.notify_all()
+
+    def mark(self) -> int:
+        """The place in the log reached so far, to be given as `since`."""
+        return len(self.text)
+
+    def wait_for(self, text: str, count: int = 1, timeout: float = 10, since: int = 0) -> float:
+        """Waits until the log has `text` so often; when the last one of them came."""
+        with self._changed:
+            assert self._changed.wait_for(lambda: self.text.count(text, since) >= count, timeout), \
+                f"no {text!r} ({count}) within {timeout} s in:\n{self.text[-3000:]}"
+            end = since
+            for _ in range(count):
+                end = self.text.index(text, end) + len(text)
+            return next(when for length, when in self._arrivals if length >= end)
+
+    def log(self, since: int = 0) -> list[str]:
+        text = self.text[since:]
+        heads = list(LOG_PREFIX.finditer(text))
+        ends = [head.start() for head in heads[1:]] + [len(text)]
+        return [f"{head[1].strip()} {text[head.end():end].removesuffix(chr(10))}"
+                for head, end in zip(heads, ends)]
+
+    def wait(self, timeout: float = 10) -> int:
+        self.status = self.process.wait(timeout)
+        if self._reader:
+            self._reader.join(10)
+        return self.status
+
+    def stop(self, number: int = signal.SIGTERM) -> float:
+        """Seconds from the signal to the exit, whose status is 0."""
+        began = time.monotonic()
+        self.process.send_signal(number)
+        self.process.wait(15)
+        seconds = time.monotonic() - began
+        assert self.wait() == 0
+        return seconds
+
+    def close(self) -> list[str]:
+        """Ends the agent if need be; what is wrong with the way it ended."""
+        problems = []
+        if self.status is None:
+            if self.process.poll() is not None:
+                problems.append(f"ended by itself with status {self.process.returncode}")
+            self.process.terminate()
+            try:
+                self.process.wait(15)
+            except subprocess.TimeoutExpired:
+                problems.append("does not stop")
+                self.process.kill()
+            self.wait()
+            if not problems and self.status != 0:
+                problems.append(f"stopped with status {self.status}")
+        self.process.stdout.close()
+        if SANITIZER_REPORT.search(self.text) or self.status not in (0, 1):
+            problems.append(f"status {self.status}\n{self.text[-12000:]}")
+        print(f"--- agent {self.pid}, status {self.status}:\n{self.text[-6000:]}")
+        return problems
+
+    # What /proc shows of the running process.
+
+    def descriptors(self) -> int:
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def threads(self) -> int:
+        """The agent's own: the thread sanitizer adds one."""
+        return len(os.listdir(f"/proc/{self.pid}/task")) - (b"tsan" in _SANITIZERS)
+
+    def memory_kib(self, kind: str = "Pss") -> int:
+        """Pss in all, or with "Pss_Anon" without the files, whose share depends on others."""
+        rollup = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
+        return int(re.search(rf"^{kind}:\s+(\d+) kB", rollup, re.M)[1])
+
+
+def assert_merged(log: list[str], *threads: list[str]) -> None:
+    """Nothing but the lines of these threads, each in its order, however they took turns."""
+    left = [list(lines) for lines in threads]
+    for line in log:
+        lines = next((lines for lines in left if lines and lines[0] == line), None)
+        assert lines, f"unexpected {line!r}, not one of {[x[0] for x in left if x]}, in {log}"
+        lines.pop(0)
+    assert not any(left), f"missing {left} in {log}"
+
+
+def flood(connection: Connection) -> None:
+    """Sends until nothing has been taken for a while: what lies between is full."""
+    block = bytes(65536)
+    with contextlib.suppress(OSError):      # a time-out, or the end of the connection
+        connection.sock.settimeout(0.5)
+        while True:
+            connection.sock.send(block)
+
+
+class Rig:
+    """Camera, cloud and balancer, all on loopback, and the agents that a test starts."""
+
+    def __init__(self, directory: Path):
+        self.directory = directory
+        self.status_file = directory / "status"
+        (directory / "cloud.id").write_text(CLOUD_ID + "\n")
+        self.peers = contextlib.ExitStack()
+        self.camera = self.peers.enter_context(ScriptedCamera(self._lend))
+        self.cloud = self.peers.enter_context(ScriptedCloud())
+        self.balancer: ScriptedBalancer | None = None
+        self.agents: list[Agent] = []
+        self._lent: dict[str, queue.Queue] = {}
+        self._lock = threading.Lock()
+
+    def balance(self, *answers) -> ScriptedBalancer:
+        """Starts the balancer; by default it names the cloud of this rig."""
+        answers = answers or (http_answer(f"127.0.0.1|{self.cloud.port}"),)
+        self.balancer = self.peers.enter_context(ScriptedBalancer(list(answers)))
+        return self.balancer
+
+    def run(self, *arguments: str, **keywords) -> Agent:
+        agent = Agent(*arguments, **keywords)
+        self.agents.append(agent)
+        return agent
+
+    def arguments(self, *urls: str, vendor: str = "Maker", model: str = "Cam-1") -> list[str]:
+        streams = [x for url in urls or (self.camera.url(),) for x in ("-s", url)]
+        return ["-c", str(self.directory), "-v", vendor, "-m", model, *streams]
+
+    def start(self, *urls: str, options=("-d", "-n"), **values) -> Agent:
+        if not self.balancer:
+            self.balance()
+        return self.run(*options, *self.arguments(*urls, **values))
+
+    # Relays: the camera's connections are lent to the test, which works on both ends.
+
+    def _queue(self, path: str) -> queue.Queue:
+        with self._lock:
+            return self._lent.setdefault(path, queue.Queue())
+
+    def lent(self, path: str = "/stream") -> Connection:
+        """The camera's next connection of that path whose handshake is over."""
+        return self._queue(path).get(timeout=10)
+
+    def _lend(self, connection: Connection, request: Request) -> None:
+        self._queue(request.path).put(connection)
+        never_read(connection, request)
+
+    def relay(self, number: int = 1, path: str = "/stream") -> tuple[Connection, CloudConnection]:
+        """The camera's and the cloud's end of a relay that has begun."""
+        cloud = self.cloud.accept(number)
+        cloud.start_relay()
+        return self.lent(path), cloud
+
+    def close(self) -> list[str]:
+        """Ends everything; what is wrong. An agent may stop before it has registered."""
+        problems = [problem for agent in self.agents for problem in agent.close()]
+        with contextlib.suppress(AssertionError):
+            self.peers.close()
+        errors = self.camera.errors + self.cloud.errors
+        return problems + [str(error) for error in errors
+                           if "no registration before the close: got 0 bytes" not in str(error)]
+
+
+class DroppingListener:
+    """Its backlog is full: on loopback, attempts to connect are dropped without an answer."""
+
+    def __init__(self, port: int = 0):
+        self.sockets = [socket.socket() for _ in range(4)]
+        listener, *clients = self.sockets
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", port))
+        listener.listen(0)
+        self.port = listener.getsockname()[1]
+        for client in clients:
+            client.setblocking(False)
+            client.connect_ex(("127.0.0.1", self.port))
+        with socket.socket() as probe:
+            probe.settimeout(0.2)
+            with contextlib.suppress(TimeoutError):
+                probe.connect(("127.0.0.1", self.port))
+                raise AssertionError("the backlog is not full")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_exception) -> None:
+        for sock in self.sockets:
+            sock.close()
+
+
+class FinWatch:
+    """Sees the first FIN or reset that the agent sends to each of some ports, as the wire does."""
+
+    def __init__(self, *ports: int):
+        self.ports = ports
+        ethertype_ipv4 = 0x0800
+        self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(ethertype_ipv4))
+        self.sock.bind(("lo", ethertype_ipv4))
+
+    def wait(self, timeout: float = 10) -> list[tuple[int, float]]:
+        """(port, time) in the order of the wire, once every port has had its turn."""
+        seen: dict[int, float] = {}
+        deadline = time.monotonic() + timeout
+        while len(seen) < len(self.ports):
+            ready, _, _ = select.select([self.sock], [], [], max(deadline - time.monotonic(), 0))
+            assert ready, f"only {seen} of {self.ports} closed within {timeout} s"
+            packet = self.sock.recv(65536)
+            tcp = packet[(packet[0] & 15) * 4:]
+            port = int.from_bytes(tcp[2:4], "big")
+            fin_or_reset = 0x01 | 0x04
+            if packet[9] == socket.IPPROTO_TCP and port in self.ports and tcp[13] & fin_or_reset:
+                seen.setdefault(port, time.monotonic())
+        return list(seen.items())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_exception) -> None:
+        self.sock.close()

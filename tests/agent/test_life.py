@@ -1,0 +1,266 @@
+"""The life of the agent: a whole run line for line, the command line, start-up and its ends."""
+
+import fcntl
+import os
+import re
+import signal
+import socket
+import time
+from pathlib import Path
+
+import pytest
+
+from harness import BINARY, STOP_LIMIT, assert_merged, wait_until
+from scripted import http_answer, ok_answer, pattern
+
+NEW_ID = "new-ID_42"
+STARTED = ["INFO Agent version: local_build, starting...", "INFO Debug mode enabled"]
+FAILED_LOADING = ["DEBUG Freeing configuration resources", "ERROR Failed to load configuration"]
+ENDED = ["INFO Final system uptime: *s", "INFO Monitor cleanup completed",
+         "INFO Proxy cleanup completed", "DEBUG Freeing configuration resources"]
+NOT_STARTED = [*ENDED[:2], "ERROR Failed to initialize proxy", ENDED[-1]]
+
+
+def without_times(log: list[str]) -> list[str]:
+    """The log with the times it shows replaced by "*"."""
+    return [re.sub(r"( at )\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$|(uptime: )\d+(?=s$)", r"\1\2*", line)
+            for line in log]
+
+
+@pytest.mark.parametrize("debug", [True, False])
+def test_a_run_with_one_relay(rig, debug):
+    """Start, keepalive, relay, its end, registered again, stop; the status file beside it."""
+    (rig.directory / "cloud.id").unlink()
+    rig.balance(http_answer(NEW_ID), http_answer(f"127.0.0.1|{rig.cloud.port}"))
+    rig.camera.probe = lambda _request: None
+    url = rig.camera.url("/a%20b?c=%d", "user:pass")
+    options = [*["-d"][:debug], "-p", "18282", "-f", str(rig.status_file)]
+    agent = rig.start(url, options=options)
+
+    def wait_status(content: str) -> None:
+        wait_until(lambda: rig.status_file.exists() and rig.status_file.read_text() == content,
+                   what=f"status {content}")
+
+    wait_status("0")
+    wait_until(lambda: rig.camera.probes, what="probe")
+    rig.camera.probe = ok_answer        # the first probe stays silent and gets 2 s
+    first = rig.cloud.accept()
+    wait_status("1")
+    registration = (f'REGISTER={{"cloudid":"{NEW_ID}/1","login":"user","password":"pass",'
+                    '"uri":"/a%20b?c=%d","model":"Cam-1","vendor":"Maker"}')
+    assert first.registration.decode() == registration
+    first.keepalive()
+    request = first.send_options(cseq=7, extra="X-Odd: 100%s\r\n")
+    answer = first.recv_until(b"\r\n\r\n")
+    rewritten = (f"OPTIONS {url} RTSP/1.0\r\n".encode() + request[request.index(b"CSeq:"):])
+    assert rig.camera.requests[0].raw == rewritten
+    assert answer == ok_answer(rig.camera.requests[0])
+    camera = rig.lent("/a%20b?c=%d")
+    first.send(pattern(3000))
+    camera.expect(pattern(3000))
+    camera.send(pattern(9000, seed=1))
+    first.expect(pattern(9000, seed=1))
+    assert rig.status_file.read_text() == "1"
+    camera.close()
+    wait_status("0")
+    first.expect_closed()
+    second = rig.cloud.accept()
+    assert second.registration.decode() == registration
+    wait_status("1")
+    if debug:
+        agent.wait_for("connecting -> registered", 2)
+    assert agent.stop(signal.SIGTERM if debug else signal.SIGINT) < STOP_LIMIT
+    second.expect_closed()
+    assert not rig.status_file.exists()
+    assert (rig.directory / "cloud.id").read_text() == NEW_ID + "\n"
+    assert agent.process.stdout.read() == b""
+    if not debug:
+        assert agent.text == ""
+        return
+
+    log = without_times(agent.log())
+    start = [
+        *STARTED, "INFO Http server port set to: 18282",
+        f"INFO Status file enabled, path: {rig.status_file}",
+        f"DEBUG Config directory set to: {rig.directory}", "DEBUG Vendor set to: Maker",
+        "DEBUG Model set to: Cam-1", "INFO Configuration loaded successfully with 1 stream(s)",
+        "INFO Monitor started for 1 streams at *",
+        f"DEBUG Failed to read cloud ID from {rig.directory}/cloud.id",
+        "DEBUG Fetched new cloud ID from the API server",
+        f"DEBUG Saved cloud ID to {rig.directory}/cloud.id",
+        f"INFO Successfully obtained cloud ID: {NEW_ID}",
+        f"DEBUG Resolved cloud server: 127.0.0.1:{rig.cloud.port}",
+        f"DEBUG Started thread 1 for stream {url}",
+        "INFO Proxy initialized successfully with 1 streams"]
+    end = [ENDED[0], f"DEBUG Successfully removed status file {rig.status_file}", *ENDED[1:]]
+    assert log[:len(start)] == start
+    assert log[-len(end):] == end
+    main = ["INFO Web server started on port 18282", "INFO Starting proxy cleanup",
+            "INFO Web server stopped"]
+    cycle = ["DEBUG Stream 1 status change: offline -> connecting", f"DEBUG {registration}",
+             "INFO Stream 1 registered in the cloud",
+             "DEBUG Stream 1 status change: connecting -> registered"]
+    stream = [
+        *cycle, "DEBUG Sent keepalive response for stream 1",
+        "INFO Received OPTIONS command for stream 1",
+        f"DEBUG Connected to camera 127.0.0.1:{rig.camera.port}",
+        f"DEBUG Forwarded OPTIONS to camera: {rewritten.decode()}",
+        f"DEBUG Received OPTIONS response from camera: {answer.decode()}",
+        "DEBUG Forwarded camera's OPTIONS response to cloud",
+        "DEBUG Stream 1 status change: registered -> streaming",
+        "DEBUG Stream 1 error: [104] Camera connection closed", "INFO Camera connection closed",
+        "DEBUG Stream 1 status change: error -> offline",
+        "DEBUG Camera to cloud thread stopping",
+        *cycle, "DEBUG Stream 1 error: [71] Failed to receive OPTIONS from cloud",
+        "DEBUG Stream 1 status change: error -> offline"]
+    # The web server's thread may find the cleared flag before the byte in its pipe.
+    rest = [line for line in log[len(start):-len(end)]
+            if line != "DEBUG Web server received shutdown signal via pipe"]
+    assert_merged(rest, main, stream, ["DEBUG Cloud to camera thread stopped"])
+
+
+REQUIRED = ["-c", "/nowhere/", "-s", "rtsp://127.0.0.1:1/a", "-v", "V", "-m", "M"]
+
+
+@pytest.mark.parametrize("arguments, stdout, stderr, log", [
+    (["-h"], "", None, []),                                     # the usage text
+    (["-V", "-h"], "Version local_build\n", "", []),
+    (["--nonsense"], "", "@: unrecognized option '--nonsense'\n", []),
+    (["-s"], "", "@: option requires an argument -- 's'\n", []),
+    (REQUIRED[2:], "", "", []),                                 # nothing is said without -d
+    (["-gd", "-s", "x"], "", "", []),                           # -d only counts on its own
+    (["-d", *REQUIRED[4:]], "", "", ["DEBUG Vendor set to: V", "DEBUG Model set to: M",
+                                     "ERROR Missing required parameter: config"]),
+    (["-v", "-d"], "", "", ["DEBUG Vendor set to: -d", "ERROR Missing required parameter: config"]),
+    (["-d", "-c", "/x//", "-V"], "Version local_build\n", "",
+     ["DEBUG Config directory set to: /x/"]),
+    (["-d", "--status-file"], "", "", ["ERROR Missing path for status file"]),
+    (["-d", *["-s", "x"] * 65], "", "", ["ERROR Maximum number of streams exceeded"]),
+    (["-d", *REQUIRED, "-g", "-s", "rtsp://127.0.0.1/{2-4}?%d"], "", "",
+     ["DEBUG Config directory set to: /nowhere", "DEBUG Vendor set to: V", "DEBUG Model set to: M",
+      "INFO Stream pairing enabled", "ERROR Mismatched expansions in stream pair: 1 != 3"]),
+])
+def test_command_line_that_ends_at_once(rig, arguments, stdout, stderr, log):
+    agent = rig.run(*arguments)
+    assert agent.wait() == 1
+    assert agent.process.stdout.read().decode() == stdout
+    if "-d" in arguments:
+        assert agent.log() == [*STARTED, *log, *FAILED_LOADING]
+    elif stderr is None:
+        assert agent.text.startswith(f"Usage: {BINARY} [OPTIONS]\nRequired Options:\n")
+        assert agent.text.count(str(BINARY)) == 4 and agent.text.endswith("/cam{1-4}video\n")
+    else:
+        assert agent.text == stderr.replace("@", str(BINARY))
+
+
+OPEN_FAILED = "ERROR Failed to open {}/cloud.id{}: {}"
+NOT_READ = "DEBUG Failed to read cloud ID from {}/cloud.id"
+FETCHED = "DEBUG Fetched new cloud ID from the API server"
+NOT_SAVED = "INFO Failed to save cloud ID to filesystem"
+
+
+@pytest.mark.parametrize("prepare, expected", [
+    (lambda path: path.parent.rmdir(),
+     [NOT_READ, FETCHED, OPEN_FAILED.format("{}", " for writing", "No such file or directory"),
+      NOT_SAVED]),
+    (lambda path: path.mkdir(),
+     [OPEN_FAILED.format("{}", "", "Is a directory"), NOT_READ, FETCHED,
+      OPEN_FAILED.format("{}", " for writing", "Is a directory"), NOT_SAVED]),
+])
+def test_cloud_id_that_cannot_be_stored_ends_the_start(rig, prepare, expected):
+    directory = rig.directory / "config"
+    directory.mkdir()
+    prepare(directory / "cloud.id")
+    rig.balance(http_answer(NEW_ID))
+    agent = rig.run("-d", "-n", *rig.arguments(), "-c", str(directory))
+    assert agent.wait() == 1
+    log = without_times(agent.log())
+    start = log.index("INFO Monitor started for 1 streams at *") + 1
+    assert log[start:] == [*(line.format(directory) for line in expected), *NOT_STARTED]
+    assert len(rig.balancer.requests) == 1
+
+
+def test_stored_cloud_id_is_not_asked_for(rig):
+    (rig.directory / "cloud.id").write_text("  an old id \t\r\nsecond line\n")
+    agent = rig.start()
+    assert rig.cloud.accept().fields["cloudid"] == "an old id/1"
+    assert [request.split(b"?")[0] for request in rig.balancer.requests] == \
+        [b"GET /balancer/server/an old id"]
+    agent.wait_for(f"Read cloud ID from {rig.directory}/cloud.id")
+
+
+@pytest.mark.parametrize("stored, operation, failure", [
+    (False, "cloud ID fetch", "ERROR Failed to fetch cloud ID from cloud"),
+    (True, "cloud server resolution", "ERROR Failed to resolve cloud server"),
+])
+def test_stop_while_the_balancer_refuses(rig, stored, operation, failure):
+    if not stored:
+        (rig.directory / "cloud.id").unlink()
+    agent = rig.run("-d", *rig.arguments())
+    agent.wait_for(f"Retrying {operation} in 2 seconds")
+    began = time.monotonic()
+    agent.process.terminate()
+    assert agent.wait() == 1
+    assert time.monotonic() - began < 1.7, "the pause was not cut short"
+    attempt = "ERROR Connect failed: Connection refused"
+    assert without_times(agent.log())[-9:] == [
+        attempt, f"INFO Retrying {operation} in 1 seconds",
+        attempt, f"INFO Retrying {operation} in 2 seconds", failure, *NOT_STARTED]
+
+
+@pytest.mark.parametrize("answers_well", [True, False])
+def test_signal_during_an_attempt(rig, answers_well):
+    """An attempt that succeeds all the same lets the start go on, up to the stop behind it."""
+    def signal_then_answer(connection, _request):
+        wait_until(lambda: rig.agents)
+        rig.agents[0].process.terminate()
+        time.sleep(0.1)
+        connection.send(http_answer(f"127.0.0.1|{rig.cloud.port}" if answers_well else "none"))
+    rig.balance(signal_then_answer)
+    agent = rig.start()
+    assert agent.wait() == (0 if answers_well else 1)
+    log = without_times(agent.log())
+    if answers_well:
+        assert "INFO Proxy initialized successfully with 1 streams" in log
+        assert "INFO Starting proxy cleanup" in log
+        assert log[-4:] == ENDED
+    else:
+        assert log[-6:] == ["ERROR Invalid server info format",
+                            "ERROR Failed to resolve cloud server", *NOT_STARTED]
+
+
+def test_signal_before_start_up_is_forgotten(rig):
+    """Nobody reads the log at first, which holds the agent up while it loads its options."""
+    rig.balance()
+    reader, writer = os.pipe()
+    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+    os.write(writer, b"\n" * 4096)
+    agent = rig.run("-d", "-n", *rig.arguments(), stderr=writer)
+    os.close(writer)
+
+    def signals(mask: str) -> int:
+        status = Path(f"/proc/{agent.pid}/status").read_text()
+        return int(re.search(rf"^{mask}:\s+(\w+)", status, re.M)[1], 16)
+
+    term = 1 << signal.SIGTERM - 1
+    wait_until(lambda: signals("SigCgt") & term, what="handler")
+    wait_until(lambda: "State:\tS" in Path(f"/proc/{agent.pid}/status").read_text())
+    agent.process.terminate()
+    wait_until(lambda: not signals("ShdPnd") & term, what="delivery")
+    time.sleep(0.1)
+    agent.read_log(reader)
+    assert rig.cloud.accept().number == 1
+    agent.stop()
+
+
+def test_web_server_port_taken(rig):
+    with socket.create_server(("127.0.0.1", 0)) as other:
+        port = other.getsockname()[1]
+        agent = rig.start(options=["-d", "-p", str(port)])
+        assert agent.wait() == 1
+    log = [line for line in without_times(agent.log())
+           if not re.search(r"Stream 1 |REGISTER=", line)]
+    assert log[-9:] == ["INFO Proxy initialized successfully with 1 streams",
+                        "ERROR Failed to bind server socket: Address already in use",
+                        "ERROR Failed to start web server", "INFO Starting proxy cleanup",
+                        "INFO Web server already stopped", *ENDED]

@@ -1,0 +1,195 @@
+"""The pages as bytes: framing, routing, the channel list, and clients that dawdle or vanish."""
+
+import re
+import socket
+import time
+from pathlib import Path
+
+import pytest
+
+from harness import CLOUD_ID, SANITIZED, STOP_LIMIT, wait_until
+from scripted import Connection
+
+PORT = 8282
+NOT_FOUND = (b"HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"
+             b"404 Not Found\n")
+JSON_HEADER = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+               b"Access-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods: GET, OPTIONS\r\n"
+               b"Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
+               b"Connection: close\r\n\r\n")
+HTML = {"/": "Home - Navigation", "/cloudid": "Cloud ID", "/stats": "Usage Statistics"}
+STYLE_SIZE = 7626
+# A page that is larger than what the kernel holds for a client that does not read.
+MANY = "rtsp://10.0.0.1/" + "x" * 200 + "{1-64}"
+
+
+def connect(receive_buffer: int | None = None) -> Connection:
+    sock = socket.socket()
+    if receive_buffer:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    sock.connect(("127.0.0.1", PORT))
+    return Connection(sock)
+
+
+def ask(target: str, method: str = "GET") -> bytes:
+    client = connect()
+    client.send(f"{method} {target} HTTP/1.1\r\nHost: 127.0.0.1:{PORT}\r\n\r\n".encode())
+    try:
+        return client.recv_all()
+    finally:
+        client.close()
+
+
+def serve(rig, *urls, options=()):
+    agent = rig.start(*urls, options=("-d", *options))
+    agent.wait_for("Web server started")
+    return agent
+
+
+def html(response: bytes) -> str:
+    """The page, whose framing is right to the byte."""
+    head, blank, body = response.partition(b"\r\n\r\n")
+    assert head + blank == (b"HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=UTF-8\r\n"
+                            b"Content-Length: %d\r\nConnection: close\r\n\r\n" % len(body))
+    page = body.decode()
+    assert len(page) < len(body)        # there is Cyrillic in every one
+    return page
+
+
+# Stream -> the path shown: what follows the port, or the last "/" when that does not apply.
+CHANNELS = (("rtsp://10.0.0.5:554/Streaming/Channels/101", "/Streaming/Channels/101"),
+            ("rtsp://me:12@10.0.0.5/a?b=1&c=2", "/a?b=1&c=2"),
+            ("rtsp://10.0.0.5:554", "/10.0.0.5:554"), ("rtsp://10.0.0.5/", "/"),
+            ("rtsp://10.0.0.5:554/a/b:9", "/b:9"), ("rtsp://10.0.0.5/a:b/c", "/c"),
+            ('rtsp://10.0.0.5/q"\\\n\x01é/%s%n', '/q\\"\\\\\\n\\u0001é/%s%n'))
+
+
+def channel_list(rig) -> bytes:
+    port = rig.cloud.port
+    objects = [
+        f'        {{\n            "chanel": {n},\n            "real_chanel": "{path}",\n'
+        f'            "cloud_id": "{CLOUD_ID}/{n}",\n            "camera_login": "",\n'
+        f'            "camera_password": "",\n            "cloud_server": "127.0.0.1",\n'
+        f'            "cloud_port": "{port}",\n'
+        f'            "cloud_url": "rtsp://127.0.0.1:{port}/{CLOUD_ID}/{n}",\n'
+        '            "status": "1"\n        }'
+        for n, (_, path) in enumerate(CHANNELS, 1)]
+    return ('{\n    "chanels": [\n' + ",\n".join(objects) + "\n    ]\n}").encode()
+
+
+@pytest.mark.parametrize("legacy", [False, True])
+def test_responses_and_routes(rig, legacy):
+    """Every response to its last byte; any method; nothing but the five targets, exactly."""
+    serve(rig, *(url for url, _ in CHANNELS), options=["-l"][:legacy])
+    document = channel_list(rig)
+    titles = {**HTML, "/streams": "Stream Management" if legacy
+              else "Redirecting to Camera Interface"}
+    sheets = set()
+    for target, title in titles.items():
+        page = html(ask(target))
+        assert page.startswith("<html>" if target == "/stats" else "<!DOCTYPE html>")
+        assert f"<title>{title}</title>" in page
+        begin = page.index("<style>\n") + len("<style>\n")
+        sheets.add(page[begin:begin + STYLE_SIZE])
+        assert re.match(r"\n(\n|  </style>)", page[begin + STYLE_SIZE:]), page[begin:][:9000]
+    assert len(sheets) == 1 and sheets.pop().isascii()
+    assert len(JSON_HEADER) == 224 and len(NOT_FOUND) == 85
+    for method in ("GET", "POST", "OPTIONS", "X" * 15):
+        assert ask("/api/channels", method) == JSON_HEADER + document
+        assert ask("/", method) == ask("/")
+    links = "".join(f'<li><a href="/{path}" id="{name}"></a></li>\n' for path, name in (
+        ("streams", "streams-link"), ("cloudid", "cloud-link"), ("stats", "stats-link")))
+    assert links in html(ask("/")) and ask("/").count(b"<li>") == 3
+    assert f'<div class="cloud-id">{CLOUD_ID}</div>' in html(ask("/cloudid"))
+    page = html(ask("/streams"))
+    if legacy:
+        assert page.count('class="stream-checkbox"') == len(CHANNELS)
+    else:
+        assert f"name=\"data\" value='{document.decode().replace('&', '&amp;')}'" in page
+    for target in ("//", "/api", "/api/channels/", "/streams#", "/cloudid?", "/Cloudid", "/%73tats",
+                   "http://127.0.0.1/", "stats", "*"):
+        assert ask(target) == NOT_FOUND, target
+
+
+@pytest.fixture
+def small_buffers():
+    """The kernel keeps little of what the agent writes, so that a slow client is felt."""
+    setting = Path("/proc/sys/net/ipv4/tcp_wmem")
+    before = setting.read_text()
+    setting.write_text("4096 4096 4096")
+    yield
+    setting.write_text(before)
+
+
+def slow_client(target: str) -> Connection:
+    client = connect(receive_buffer=1024)
+    client.send(f"GET {target} HTTP/1.1\r\n\r\n".encode())
+    return client
+
+
+def test_clients_that_vanish(rig, small_buffers):
+    """Amid a page, or the list, by a close or a reset: logged, and the next one is served."""
+    agent = serve(rig, MANY, options=("-l",))
+    for reset in (True, False):
+        for target, consequence in (("/streams", "Failed to send http response"),
+                                    ("/api/channels", "Failed to send error response")):
+            began = agent.mark()
+            client = slow_client(target)
+            assert client.recv(17) == b"HTTP/1.1 200 OK\r\n"
+            client.close(reset=reset)
+            agent.wait_for(f"[ERROR] {consequence}\n", since=began)
+            assert agent.log(since=began)[0].startswith("ERROR Write failed: ")
+            assert html(ask("/streams")).count('class="stream-checkbox"') == 64
+
+
+@pytest.mark.heavy
+@pytest.mark.parametrize("trickle, least, most", [(0, 4.5, 9), (500, 29, 38)])
+def test_clients_that_dawdle(rig, small_buffers, trickle, least, most):
+    """One takes nothing for 5 s; one takes some bytes all the time, but not all in 30 s."""
+    agent = serve(rig, MANY, options=("-l",))
+    client = slow_client("/streams")
+    began = time.monotonic()
+    while "Write failed: " not in agent.text and time.monotonic() < began + 60:
+        if trickle:
+            client.recv(trickle)
+        time.sleep(0.5)
+    dropped = agent.wait_for("ERROR] Write failed: Connection timed out\n")
+    agent.wait_for("ERROR] Failed to send http response\n")
+    assert html(ask("/streams"))
+    client.close()
+    assert least < dropped - began < most
+
+
+def test_stop_while_a_client_dawdles(rig, small_buffers):
+    agent = serve(rig, MANY, options=("-l",))
+    client = slow_client("/streams")
+    client.recv(100)
+    assert agent.stop() < STOP_LIMIT
+    client.close()
+
+
+def processor_seconds(agent) -> float:
+    nanoseconds = 0
+    for task in Path(f"/proc/{agent.pid}/task").iterdir():
+        nanoseconds += int((task / "schedstat").read_text().split()[0])
+    return nanoseconds / 1e9
+
+
+def test_a_thousand_requests(rig):
+    """Descriptors and memory stay as they are, and a page of 64 streams takes under 5 ms."""
+    agent = serve(rig, MANY, options=("-l", "-g"))
+    targets = [*HTML, "/streams", "/api/channels"]
+    for target in targets * 20:
+        assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
+    descriptors, memory = agent.descriptors(), agent.memory_kib("Pss_Anon")
+    for target in targets * 200:
+        assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
+    wait_until(lambda: agent.descriptors() == descriptors, what="same descriptors")
+    if SANITIZED:
+        return      # they keep memory of their own, and take their time
+    assert agent.memory_kib("Pss_Anon") - memory < 128
+    for target in ("/streams", "/stats"):
+        before = processor_seconds(agent)
+        for _ in range(50):
+            ask(target)
+        assert (processor_seconds(agent) - before) / 50 < 0.005

@@ -1,0 +1,205 @@
+"""SIGTERM in every state a stream can be in: how long the stop takes, and its lines in the log."""
+
+import contextlib
+import re
+import socket
+import threading
+
+import pytest
+
+from harness import STOP_LIMIT, Agent, DroppingListener, Rig, flood, wait_until
+from scripted import http_answer, no_answer, ok_answer, status_answer
+
+MANY = 64
+OPTIONS_MISSED = ["error: [71] Failed to receive OPTIONS from cloud",
+                  "status change: error -> offline"]
+RELAY_STOPPED = ["Camera to cloud thread stopping", "Cloud to camera thread stopped"]
+
+
+def start(rig: Rig, count: int, *, port: int = 0, options=("-d", "-n")) -> Agent:
+    return rig.start(f"rtsp://127.0.0.1:{port or rig.camera.port}/cam{{1-{count}}}",
+                     options=options)
+
+
+def connections_under_way() -> int:
+    with open("/proc/thread-self/net/tcp", encoding="ascii") as table:
+        return sum(line.split()[3] == "02" for line in table)   # SYN sent
+
+
+def backing_off_from_the_camera(rig, count):
+    rig.camera.probe = status_answer("500 No")
+    agent = start(rig, count)
+    wait_until(lambda: len(rig.camera.probes) >= 3 * count, what="third probe")
+    return agent                # in a pause of 4 s
+
+
+def backing_off_from_the_cloud(rig, count):
+    with socket.socket() as closed:
+        closed.bind(("127.0.0.1", 0))
+        rig.balance(http_answer(f"127.0.0.1|{closed.getsockname()[1]}"))
+        agent = start(rig, count)
+        agent.wait_for("error -> offline", 3 * count)
+    return agent
+
+
+def probing_a_silent_camera(rig, count):
+    rig.camera.probe = no_answer
+    agent = start(rig, count)
+    wait_until(lambda: len(rig.camera.probes) >= count, what="probes")
+    return agent
+
+
+def probing_where_packets_are_dropped(rig, count):
+    listener = rig.peers.enter_context(DroppingListener())
+    before = connections_under_way()
+    agent = start(rig, count, port=listener.port)
+    wait_until(lambda: connections_under_way() >= before + count, what="connects")
+    return agent
+
+
+def connecting_to_a_cloud_that_drops_packets(rig, count):
+    listener = rig.peers.enter_context(DroppingListener())
+    rig.balance(http_answer(f"127.0.0.1|{listener.port}"))
+    agent = start(rig, count)
+    agent.wait_for("offline -> connecting", count)
+    return agent
+
+
+def connecting_to_a_camera_that_drops_packets(rig, count):
+    agent = waiting_for_options(rig, count)
+    clouds = [rig.cloud.accept() for _ in range(count)]
+    rig.camera.close()
+    rig.peers.enter_context(DroppingListener(rig.camera.port))
+    for cloud in clouds:
+        cloud.send_options()
+    agent.wait_for("Received OPTIONS command", count)
+    return agent
+
+
+def handshaking_with_a_silent_camera(rig, count):
+    rig.camera.handshake = no_answer
+    agent = start(rig, count)
+    for _ in range(count):
+        rig.cloud.accept().send_options()
+    agent.wait_for("Forwarded OPTIONS to camera", count)
+    return agent
+
+
+def waiting_for_options(rig, count):
+    agent = start(rig, count)
+    agent.wait_for("connecting -> registered", count)
+    return agent
+
+
+def keep_sending(connection) -> None:
+    with contextlib.suppress(OSError):
+        connection.sock.settimeout(30)
+        while True:
+            connection.sock.sendall(bytes(65536))
+
+
+def keep_reading(connection) -> None:
+    with contextlib.suppress(OSError):
+        connection.wait_closed(30)
+
+
+def begin_at_both_ends(rig, number, *actions) -> list[threading.Thread]:
+    """Opens the stream's relay and lets each end do all of the actions at once."""
+    threads = [threading.Thread(target=action, args=(end,), daemon=True)
+               for end in rig.relay(number, f"/cam{number}") for action in actions]
+    for thread in threads:
+        thread.start()
+    return threads
+
+
+def relaying_flat_out(rig, count):
+    agent = start(rig, count)
+    for number in range(1, count + 1):
+        begin_at_both_ends(rig, number, keep_sending, keep_reading)
+    agent.wait_for("registered -> streaming", count)
+    return agent
+
+
+def relaying_to_peers_that_do_not_read(rig, count):
+    agent = start(rig, count)
+    senders = [sender for number in range(1, count + 1)
+               for sender in begin_at_both_ends(rig, number, flood)]
+    for sender in senders:
+        sender.join(20)
+    return agent
+
+
+def serving_a_silent_browser(rig, count):
+    agent = start(rig, count, options=["-d", "-p", "18282"])
+    agent.wait_for("Web server started on port 18282")
+    agent.wait_for("connecting -> registered", count)
+    before = agent.descriptors()
+    for _ in range(2):
+        rig.peers.enter_context(socket.create_connection(("127.0.0.1", 18282)))
+    wait_until(lambda: agent.descriptors() > before, what="accept")
+    return agent
+
+
+@pytest.mark.parametrize("state, count, lines, unnumbered", [
+    (backing_off_from_the_camera, MANY, [], []),
+    (backing_off_from_the_cloud, MANY, [], []),
+    (probing_a_silent_camera, MANY, [], []),
+    (probing_where_packets_are_dropped, MANY, [], []),
+    (connecting_to_a_cloud_that_drops_packets, MANY, ["status change: connecting -> offline"], []),
+    (connecting_to_a_camera_that_drops_packets, MANY,
+     ["status change: registered -> offline"], []),
+    (handshaking_with_a_silent_camera, MANY, ["status change: registered -> offline"], []),
+    (waiting_for_options, MANY, OPTIONS_MISSED, []),
+    (relaying_flat_out, 8, ["status change: streaming -> offline"], RELAY_STOPPED),
+    (relaying_to_peers_that_do_not_read, 8, ["status change: streaming -> offline"],
+     RELAY_STOPPED),
+    (serving_a_silent_browser, 2, OPTIONS_MISSED, ["Web server stopped"]),
+], ids=lambda value: getattr(value, "__name__", "").replace("_", "-") or None)
+def test_stop(rig, state, count, lines, unnumbered):
+    """Every stream leaves exactly its own lines, all of them before the monitor's last ones."""
+    agent = state(rig, count)
+    mark = agent.mark()
+    assert agent.stop() < STOP_LIMIT
+    log = [line.partition(" ")[2] for line in agent.log(mark)
+           if line != "DEBUG Web server received shutdown signal via pipe"]
+    assert re.fullmatch(r"Final system uptime: \d+s", log[-4])
+    assert log[-3:] == ["Monitor cleanup completed", "Proxy cleanup completed",
+                        "Freeing configuration resources"]
+    of_stream: dict[int, list[str]] = {number: [] for number in range(1, count + 1)}
+    rest = []
+    for line in log[:-4]:
+        if match := re.fullmatch(r"Stream (\d+) (.*)", line):
+            of_stream[int(match[1])].append(match[2])
+        else:
+            rest.append(line)
+    assert of_stream == {number: lines for number in of_stream}
+    times = 1 if state is serving_a_silent_browser else count
+    assert sorted(rest) == sorted(["Starting proxy cleanup", *unnumbered * times])
+
+
+def test_stop_in_all_states_at_once(rig):
+    """64 streams, eight in each state."""
+    def of_group(request) -> int:
+        return (int(request.path.removeprefix("/cam")) - 1) // 8
+
+    listener = rig.peers.enter_context(DroppingListener())
+    rig.camera.probe = lambda request: {0: b"no", 1: None}.get(of_group(request),
+                                                               ok_answer(request))
+    rig.camera.handshake = lambda request: None if of_group(request) == 2 else ok_answer(request)
+    agent = rig.start(rig.camera.url("/cam{1-56}"),
+                      f"rtsp://127.0.0.1:{listener.port}/dropped{{57-64}}",
+                      options=["-d", "-p", "0"])
+    for number in range(17, 25):            # handshaking with a silent camera
+        rig.cloud.accept(number).send_options()
+    for number in range(25, 33):            # waiting for OPTIONS
+        rig.cloud.accept(number).keepalive()
+    for number in range(33, 41):
+        begin_at_both_ends(rig, number, keep_sending, keep_reading)
+    for number in range(41, 49):            # with peers that do not read
+        begin_at_both_ends(rig, number, flood)
+    for number in range(49, 57):            # backing off
+        rig.cloud.accept(number).close()
+    agent.wait_for("registered -> streaming", 16)
+    agent.wait_for("Connection closed by peer during registration", 8)
+    assert agent.stop() < STOP_LIMIT
+    assert agent.log()[-1] == "DEBUG Freeing configuration resources"

@@ -1,0 +1,78 @@
+"""Fixtures of the tests of the pages: the real agent, looked at through Chromium.
+
+Agent and peers stand on the harness of ../agent, whose conventions hold here too. One browser
+serves a whole run, in the run's network namespace; every test begins without stored values and
+fails when a page of the agent leaves an error in the console.
+"""
+
+import os
+import shutil
+import tempfile
+
+import pytest
+
+from pages import Account, Browser, harness
+from cloudsim.account import self_signed
+
+CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
+FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+         "--disable-background-networking", "--disable-component-update", "--disable-sync",
+         "--disable-dev-shm-usage", "--ignore-certificate-errors", "--window-size=1200,1000")
+ACCOUNT_PORT, CAMERA_WEB_PORT = 8112, 8443
+
+
+@pytest.fixture(scope="session", autouse=True)
+def network():
+    assert harness.BINARY.exists(), f"{harness.BINARY} is not built"
+    harness.enter_network_namespace()
+
+
+@pytest.fixture
+def rig(tmp_path):
+    rig = harness.Rig(tmp_path)
+    yield rig
+    problems = rig.close()
+    assert not problems, "\n".join(problems)
+
+
+@pytest.fixture(scope="session")
+def chromium(network):
+    missing = [path for path in (CHROMIUM, DRIVER) if not os.path.exists(path)]
+    if missing and os.environ.get("REQUIRE_ALL") != "1":
+        pytest.skip(f"{missing} not installed")
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+    profile = tempfile.mkdtemp()
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    for flag in (*FLAGS, f"--user-data-dir={profile}"):
+        options.add_argument(flag)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service(DRIVER), options=options)
+    driver.set_page_load_timeout(30)
+    driver.set_script_timeout(30)
+    yield driver
+    driver.quit()
+    shutil.rmtree(profile, ignore_errors=True)
+
+
+@pytest.fixture
+def browser(chromium, rig):
+    """Uses the rig so that the page is left before the agent goes."""
+    browser = Browser(chromium)
+    yield browser
+    errors = browser.errors()
+    chromium.get("about:blank")
+    assert not errors, f"console: {errors}"
+
+
+@pytest.fixture
+def account():
+    with Account(ACCOUNT_PORT) as account:
+        yield account
+
+
+@pytest.fixture
+def camera_web():
+    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as camera_web:
+        yield camera_web

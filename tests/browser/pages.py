@@ -1,0 +1,94 @@
+"""What the tests of the pages stand on: the agent with its pages, the browser, what it posts to."""
+
+import re
+import ssl
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "agent"))
+
+import harness                                                      # noqa: E402
+from cloudsim.account import CORS, AccountService                   # noqa: E402
+from cloudsim.common import Fault, http_response                    # noqa: E402
+from scripted import Connection, ScriptedServer                     # noqa: E402
+
+HOME, CAMERA_WEB = "http://127.0.0.1:8282", "https://127.0.0.1:8443/"
+
+
+def serve(rig, *urls, options=()) -> harness.Agent:
+    agent = rig.start(*urls, options=("-d", *options))
+    agent.wait_for("Web server started")
+    return agent
+
+
+class Browser:
+    """Chromium with the few calls that the tests need."""
+
+    def __init__(self, driver):
+        self.driver = driver
+        self.script = driver.execute_script
+        driver.get("about:blank")
+        driver.execute_cdp_cmd("Storage.clearDataForOrigin", {"origin": HOME,
+                                                              "storageTypes": "all"})
+        self.errors()
+
+    def open(self, path: str, language: str | None = None, before: str = "") -> None:
+        """Loads a page of the agent; `before` is a script that runs in front of the page's own."""
+        if language:
+            before += f"; localStorage.setItem('preferredLanguage', '{language}')"
+        added = self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument",
+                                            {"source": before})
+        self.driver.get(HOME + path)
+        self.driver.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", added)
+
+    def texts(self, selector: str) -> list[str]:
+        return self.script("return [...document.querySelectorAll(arguments[0])]"
+                           ".map(e => e.textContent)", selector)
+
+    def style(self, selector: str, name: str) -> str:
+        return self.script("return getComputedStyle(document.querySelector(arguments[0]))"
+                           ".getPropertyValue(arguments[1])", selector, name)
+
+    def click(self, *selectors: str) -> None:
+        for selector in selectors:
+            self.driver.find_element("css selector", selector).click()
+
+    def wait(self, expression: str, timeout: float = 10) -> None:
+        harness.wait_until(lambda: self.script(f"return ({expression})"), timeout, expression)
+
+    def errors(self) -> list[str]:
+        """The console's errors since the last call, but for those of the camera web interface."""
+        return [entry["message"] for entry in self.driver.get_log("browser")
+                if entry["level"] == "SEVERE" and not entry["message"].startswith(CAMERA_WEB)]
+
+
+class Account(ScriptedServer):
+    """The simulator's account service, with the requests kept byte for byte.
+
+    `answers` holds bodies that are sent instead of the simulator's own, one per request.
+    """
+
+    def __init__(self, port: int, tls: ssl.SSLContext | None = None):
+        self.posts: list[tuple[str, bytes]] = []    # head and body
+        self.answers: list[str] = []
+        self.fault = "none"
+        self._service = AccountService(Fault())
+        self._tls = tls
+        super().__init__(self._serve, port)
+
+    def _serve(self, connection: Connection) -> None:
+        if self._tls:
+            connection.sock = self._tls.wrap_socket(connection.sock, server_side=True)
+        connection._held = connection.recv()
+        if not connection._held:
+            return              # opened in advance by the browser, and not needed
+        head = connection.recv_until(b"\r\n\r\n").decode()
+        length = re.search(r"(?im)^content-length: *(\d+)", head)
+        body = connection.recv_exactly(int(length[1])) if length else b""
+        method, path = head.split(" ")[:2]
+        status, text, kind = self._service._answer(method, path, body, self.fault)
+        if method == "POST":
+            self.posts.append((head, body))
+            if self.answers:
+                text = self.answers.pop(0)
+        connection.send(http_response(status, text, CORS, kind))
