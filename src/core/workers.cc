@@ -94,10 +94,6 @@ WorkerPresence::WorkerPresence() {
   stack_bottom = static_cast<char *>(bottom);
 }
 
-WorkerPresence::~WorkerPresence() {
-  worker_left();
-}
-
 // Only whole pages can be given back.
 static void release_pages(char *begin, const char *end) {
   const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -107,10 +103,20 @@ static void release_pages(char *begin, const char *end) {
   madvise(begin + (first - reinterpret_cast<uintptr_t>(begin)), last - first, MADV_DONTNEED);
 }
 
-void worker_release_memory(char *buffer, size_t size) {
-  release_pages(buffer, buffer + size);
+// What lies below the caller's frame.
+static void release_stack() {
   const auto *frame = static_cast<const char *>(__builtin_frame_address(0));
   if (stack_bottom) release_pages(stack_bottom, frame - OWN_FRAME);
+}
+
+void worker_release_memory(char *buffer, size_t size) {
+  release_pages(buffer, buffer + size);
+  release_stack();
+}
+
+WorkerPresence::~WorkerPresence() {
+  release_stack();  // the C library keeps the stack for the next thread as it is
+  worker_left();
 }
 
 void worker_pause(int milliseconds) {

@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string_view>
 
 #include "core/clock.h"
@@ -13,7 +15,8 @@
 
 static constexpr size_t FRAMING_ROOM = 256;          // bytes beside the body
 static constexpr size_t ERROR_PAGE_CAPACITY = 1024;  // bytes
-static constexpr int64_t RESPONSE_LIMIT = 30'000;    // ms; each write is bounded by 5 s
+static constexpr int64_t RESPONSE_LIMIT = 30'000;    // ms for the whole of a response
+static constexpr int64_t STALL_LIMIT = 5'000;        // ms in which a client takes nothing
 
 // Server to client.
 static constexpr char HTML_HEADER[] =
@@ -46,30 +49,39 @@ static constexpr std::string_view BARE_ERROR =
     "HTTP/1.1 500 Internal Server Error\r\n"
     "\r\n";
 
-// One write, whose wait the socket's send time-out bounds; a response that has taken too long as a
-// whole fails too. Both fail as ETIMEDOUT.
-static ssize_t write_some(int socket, std::string_view rest, int64_t deadline) {
-  if (monotonic_ms() > deadline) {
-    errno = ETIMEDOUT;
-    return -1;
+// After a write that moved nothing: whether to go on with the next one.
+static bool can_go_on(ssize_t written) {
+  if (written == 0) {
+    log_message(LOG_ERROR, "Connection closed during write");
+    return false;
   }
-  const ssize_t written = write(socket, rest.data(), rest.size());
-  if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) errno = ETIMEDOUT;
-  return written;
+  if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) return true;
+  log_message(LOG_ERROR, "Write failed: %s", strerror(errno));
+  return false;
 }
 
+// What the caller may still want to write fails at once, instead of waiting for this client again.
+static void drop_client(int socket) {
+  log_message(LOG_ERROR, "Write failed: %s", strerror(ETIMEDOUT));
+  shutdown(socket, SHUT_RDWR);
+}
+
+// Each write returns after the socket's send time-out at the latest, a fraction of the limits.
 bool http_write_all(int socket, const char *bytes, size_t length) {
   std::string_view rest(bytes, length);
-  const int64_t deadline = monotonic_ms() + RESPONSE_LIMIT;
+  const int64_t end = monotonic_ms() + RESPONSE_LIMIT;
+  int64_t stall_end = monotonic_ms() + STALL_LIMIT;
   while (!rest.empty()) {
-    const ssize_t written = write_some(socket, rest, deadline);
+    const ssize_t written = write(socket, rest.data(), rest.size());
+    const int64_t now = monotonic_ms();
     if (written > 0) {
       rest.remove_prefix(static_cast<size_t>(written));
-    } else if (written == 0) {
-      log_message(LOG_ERROR, "Connection closed during write");
+      stall_end = now + STALL_LIMIT;
+    } else if (!can_go_on(written)) {
       return false;
-    } else if (errno != EINTR) {
-      log_message(LOG_ERROR, "Write failed: %s", strerror(errno));
+    }
+    if (!rest.empty() && now >= std::min(end, stall_end)) {
+      drop_client(socket);
       return false;
     }
   }

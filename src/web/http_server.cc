@@ -24,7 +24,7 @@
 static constexpr int LISTEN_BACKLOG = 10;
 static constexpr int WAIT_TIMEOUT = 1000;     // ms between looks at `running`
 static constexpr time_t RECEIVE_TIMEOUT = 2;  // seconds a client may take to send its request
-static constexpr time_t SEND_TIMEOUT = 5;     // seconds a client may take no bytes
+static constexpr int SEND_SLICE = 250;        // ms until a write that waits looks at its limits
 static constexpr size_t REQUEST_SIZE = 8192;  // bytes, terminator included
 static constexpr int DRAIN_TIME = 500;        // ms given to a client to close first
 static constexpr size_t DRAIN_BYTES = 65536;  // bytes of an overlong request thrown away
@@ -39,7 +39,7 @@ static void set_client_timeouts(int socket) {
   if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &receive, sizeof receive) != 0) {
     log_message(LOG_ERROR, "Failed to set socket receive timeout: %s", strerror(errno));
   }
-  const timeval send = {.tv_sec = SEND_TIMEOUT, .tv_usec = 0};
+  const timeval send = {.tv_sec = 0, .tv_usec = SEND_SLICE * 1000};
   if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &send, sizeof send) != 0) {
     log_message(LOG_ERROR, "Failed to set socket send timeout: %s", strerror(errno));
   }

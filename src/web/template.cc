@@ -22,6 +22,8 @@ static const char *escape_html(char c) {
       return "&quot;";
     case '\'':
       return "&#39;";
+    case '\r':
+      return "&#13;";  // the browser would read it as a line feed
     default:
       return nullptr;
   }

@@ -180,7 +180,8 @@ function showDetail(row, success, message) {
 // Requests to the account service
 
 function extractRealChannel(url) {
-  const match = /:\d+(.+)$|[^:/]\/(.*?)$/.exec(url);
+  // The s flag only matters to a URL with a line feed in it.
+  const match = /:\d+(.+)$|[^:/]\/(.*?)$/s.exec(url);
   if (!match) return '';
   return match[1] === undefined ? match[2] : match[1];
 }
