@@ -60,15 +60,17 @@ check_settings() {
     folder=$(mktemp -d)
     for setting in BALANCER_ADDRESS=balancer.example BALANCER_ADDRESS=1.2.3 \
                    BALANCER_ADDRESS=1.2.3.256 ACCOUNT_HOST=http://x CAMERA_WEB_HOST=; do
-        if cmake -S . -B "$folder" -G Ninja "-DCAMERA_AGENT_$setting" >"$folder/log" 2>&1; then
-            echo "CMake accepted CAMERA_AGENT_$setting" >&2
+        if cmake --fresh -S . -B "$folder" -G Ninja "-DCAMERA_AGENT_$setting" >"$folder.log" 2>&1 ||
+            ! grep -q "CAMERA_AGENT_${setting%%=*} must be" "$folder.log"; then
+            echo "CMake did not refuse CAMERA_AGENT_$setting as it should:" >&2
+            cat "$folder.log" >&2
             return 1
         fi
-        grep -q "CAMERA_AGENT_${setting%%=*} must be" "$folder/log"
     done
-    cmake -S . -B "$folder" -G Ninja -DCAMERA_AGENT_BALANCER_ADDRESS=10.20.30.40 >"$folder/log"
-    grep -q "Balancer address built in: 10.20.30.40" "$folder/log"
-    rm -rf "$folder"
+    cmake --fresh -S . -B "$folder" -G Ninja \
+        -DCAMERA_AGENT_BALANCER_ADDRESS=10.20.30.40 >"$folder.log"
+    grep -q "Balancer address built in: 10.20.30.40" "$folder.log"
+    rm -rf "$folder" "$folder.log"
 }
 
 check_lint() {

@@ -22,13 +22,13 @@
 #include "web/routes.h"
 
 static constexpr int LISTEN_BACKLOG = 10;
-static constexpr int WAIT_TIMEOUT = 1000;     // ms between looks at `running`
-static constexpr time_t RECEIVE_TIMEOUT = 2;  // seconds a client may take to send its request
-static constexpr int SEND_SLICE = 250;        // ms until a write that waits looks at its limits
-static constexpr size_t REQUEST_SIZE = 8192;  // bytes, terminator included
-static constexpr int DRAIN_TIME = 500;        // ms given to a client to close first
-static constexpr size_t DRAIN_BYTES = 65536;  // bytes of an overlong request thrown away
-static constexpr int ACCEPT_PAUSE = 100;      // ms when descriptors or memory have run out
+static constexpr int WAIT_TIMEOUT = 1000;           // ms between looks at `running`
+static constexpr time_t RECEIVE_TIMEOUT = 2;        // seconds a client may take to send its request
+static constexpr suseconds_t SEND_SLICE = 250'000;  // microseconds of a write between two looks
+static constexpr size_t REQUEST_SIZE = 8192;        // bytes, terminator included
+static constexpr int DRAIN_TIME = 500;              // ms given to a client to close first
+static constexpr size_t DRAIN_BYTES = 65536;        // bytes of an overlong request thrown away
+static constexpr int ACCEPT_PAUSE = 100;            // ms when descriptors or memory have run out
 
 HttpServer http_server;
 
@@ -39,7 +39,7 @@ static void set_client_timeouts(int socket) {
   if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &receive, sizeof receive) != 0) {
     log_message(LOG_ERROR, "Failed to set socket receive timeout: %s", strerror(errno));
   }
-  const timeval send = {.tv_sec = 0, .tv_usec = SEND_SLICE * 1000};
+  const timeval send = {.tv_sec = 0, .tv_usec = SEND_SLICE};
   if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &send, sizeof send) != 0) {
     log_message(LOG_ERROR, "Failed to set socket send timeout: %s", strerror(errno));
   }

@@ -14,7 +14,6 @@
 #include <mutex>
 
 #include "core/context.h"
-#include "monitor/monitor.h"
 
 // --- Faults --------------------------------------------------------------------------------------
 
@@ -157,9 +156,6 @@ void *__real_realloc(void *, size_t);
 int __real_socket(int, int, int);
 int __real_setsockopt(int, int, int, const void *, socklen_t);
 int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int __real_pthread_mutex_init(pthread_mutex_t *, const pthread_mutexattr_t *);
-int __real_pthread_mutex_lock(pthread_mutex_t *);
-int __real_pthread_mutex_unlock(pthread_mutex_t *);
 int __real_pthread_cond_timedwait(pthread_cond_t *, pthread_mutex_t *, const timespec *);
 ssize_t __real_send(int, const void *, size_t, int);
 ssize_t __real_write(int, const void *, size_t);
@@ -192,22 +188,6 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
                           void *(*body)(void *), void *argument) {
   const int error = fault_of(Call::PTHREAD_CREATE);
   return error != 0 ? error : __real_pthread_create(thread, attributes, body, argument);
-}
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) {
-  const int error = fault_of(Call::MUTEX_INIT);
-  return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
-}
-
-int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
-  const int error = mutex == &monitor.lock.native ? fault_of(Call::MONITOR_LOCK) : 0;
-  return error != 0 ? error : __real_pthread_mutex_lock(mutex);
-}
-
-int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
-  const int result = __real_pthread_mutex_unlock(mutex);
-  const int error = mutex == &monitor.lock.native ? fault_of(Call::MONITOR_UNLOCK) : 0;
-  return error != 0 ? error : result;
 }
 
 int __wrap_pthread_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,

@@ -14,9 +14,6 @@ enum class Call {
   SOCKET,
   SETSOCKOPT,
   PTHREAD_CREATE,
-  MUTEX_INIT,
-  MONITOR_LOCK,    // pthread_mutex_lock of the monitor's mutex
-  MONITOR_UNLOCK,  // its pthread_mutex_unlock, which is done all the same
   COUNT,
 };
 

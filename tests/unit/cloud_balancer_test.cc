@@ -1,6 +1,5 @@
 #include <string.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -8,7 +7,6 @@
 #include "cloud/balancer_reply.h"
 #include "support/agent_test.h"
 #include "support/fault.h"
-#include "support/peers.h"
 
 class Balancer : public AgentTest {
  protected:
@@ -158,43 +156,4 @@ TEST_F(Balancer, RetriesWithDoublingPausesUntilStopped) {
   EXPECT_EQ(info.host, nullptr);
   EXPECT_EQ(info.port, 0);
   EXPECT_EQ(log.take(), "");
-}
-
-TEST_F(Balancer, LocalFaultsEndAnAttemptAndTheNextOneSucceeds) {
-  std::string request;
-  std::optional<LoopbackServer> server;
-  server.emplace([&request](const Fd &client) {
-    request = get(client);
-    if (request.empty()) return;
-    put(client,
-        "HTTP/1.1 200 OK\r\nServer: at least sixty-four bytes\r\n\r\n{\"message\":\"h|5\"}");
-  });
-  proxy_context.config.api_port = server->port();
-  const auto resolve = [this](const std::string &line) {
-    const FrozenClock clock;
-    CloudServerInfo info;
-    EXPECT_TRUE(resolve_cloud_server("id%s", &info));
-    EXPECT_STREQ(info.host.get(), "h");
-    EXPECT_EQ(info.port, 5);
-    EXPECT_EQ(log.take(), line +
-                              "[INFO ] Retrying cloud server resolution in 1 seconds\n"
-                              "[DEBUG] Resolved cloud server: h:5\n");
-  };
-  for (const int nth : {1, 2}) {
-    const Fault fault(Call::SETSOCKOPT, nth, EDOM);
-    resolve("[ERROR] Failed to set socket timeouts: Numerical argument out of domain\n");
-  }
-  {
-    // An interrupted send is repeated, a partial one continued.
-    const IoScript script(Io::SEND, {-EINTR, 3, 1, -ENOBUFS});
-    resolve("[ERROR] Failed to send request: No buffer space available\n");
-  }
-  server.reset();  // joins the thread that wrote the request
-  EXPECT_EQ(request,
-            "GET /balancer/server/id%s?vendor=ven dor&model=m&%s HTTP/1.1\r\n"
-            "Host: 127.0.0.1\r\n"
-            "Connection: close\r\n"
-            "Content-Type: text/xml\r\n"
-            "Content-Length: 0\r\n"
-            "\r\n");
 }

@@ -80,31 +80,3 @@ TEST_F(Proxy, AFailedStartUpUndoesItsWork) {
   EXPECT_GT(failures, 15);
   EXPECT_LT(retried, failures / 2);
 }
-
-TEST_F(Proxy, FaultsOfTheMonitorAndTheDiskEndStartUp) {
-  write_file(dir.file("cloud.id"), "stored-id\n");
-  struct Case {
-    Call call;
-    int nth;
-    const char *line;
-  };
-  // The first lock is monitor_init's own, which cannot fail; the second formats the start time.
-  for (const Case &c :
-       {Case{Call::MUTEX_INIT, 1, "[ERROR] Failed to initialize monitoring system\n"},
-        {Call::MONITOR_LOCK, 3, "[ERROR] Failed to get monitoring state for stream 0\n"},
-        {Call::MONITOR_LOCK, 4, "[ERROR] Failed to set initial status for stream 0\n"},
-        {Call::MONITOR_LOCK, 5, "[ERROR] Failed to get monitoring state for stream 1\n"}}) {
-    const Fault fault(c.call, c.nth, EINVAL);
-    EXPECT_FALSE(proxy_init(&config));
-    EXPECT_NE(log.take().find(c.line), std::string::npos) << c.line;
-    EXPECT_EQ(proxy_context.stream_count, 0U);
-    release_ids();
-  }
-  std::filesystem::remove(dir.file("cloud.id"));
-  std::filesystem::create_symlink("/dev/full", dir.file("cloud.id"));
-  EXPECT_FALSE(proxy_init(&config));
-  EXPECT_NE(log.take().find("No space left on device\n"
-                            "[INFO ] Failed to save cloud ID to filesystem\n"),
-            std::string::npos);
-  EXPECT_EQ(config.cloud_id, nullptr);
-}
