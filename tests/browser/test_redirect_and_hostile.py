@@ -15,6 +15,9 @@ from pages import CAMERA_WEB, HOME, serve
 from harness import CLOUD_ID, wait_until
 from test_add_camera import fill, registered, seen, submit, wait_summary
 
+# The browser may first try a connection that it holds in reserve, until the peer gives it up.
+POST_TIMEOUT = 40    # s
+
 # Keeps the times asked for; nothing is ever run by them.
 NO_TIMERS = "window.periods = []; window.setTimeout = (_, time) => window.periods.push(time);"
 
@@ -49,8 +52,8 @@ def test_the_list_is_posted_by_itself(rig, browser, camera_web):
     serve(rig, *map(rig.camera.url, paths))
     began = time.monotonic()
     browser.open("/streams")
-    wait_until(lambda: camera_web.posts, what="post")
-    assert 1.4 < time.monotonic() - began < 10
+    wait_until(lambda: camera_web.posts, POST_TIMEOUT, "post")
+    assert time.monotonic() - began > 1.4
     assert posted_data(camera_web.posts[0]) == channels(rig, CLOUD_ID, paths)
     wait_until(lambda: browser.driver.current_url == CAMERA_WEB, what="camera web interface")
     browser.wait("document.querySelector('h1').textContent === 'Camera web interface'")
@@ -63,7 +66,7 @@ def test_the_list_is_posted_by_a_click(rig, browser, camera_web):
     assert browser.script("return window.periods") == [1500]
     assert not camera_web.posts
     browser.click("#manual-submit")
-    wait_until(lambda: camera_web.posts, what="post")
+    wait_until(lambda: camera_web.posts, POST_TIMEOUT, "post")
     assert posted_data(camera_web.posts[0]) == channels(rig, CLOUD_ID, ["/c"])
 
 
@@ -81,7 +84,7 @@ def test_hostile_values_in_the_document_and_in_the_form(rig, browser, camera_web
     assert browser.script("return window.hacked") is None
     assert browser.script("return [document.images.length, document.scripts.length]") == [0, 1]
     browser.click("#manual-submit")
-    wait_until(lambda: camera_web.posts, what="post")
+    wait_until(lambda: camera_web.posts, POST_TIMEOUT, "post")
     assert posted_data(camera_web.posts[0]) == wanted
 
 
