@@ -184,7 +184,7 @@ def test_a_thousand_requests(rig):
     descriptors, memory = agent.descriptors(), agent.memory_kib("Pss_Anon")
     for target in targets * 200:
         assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
-    wait_until(lambda: agent.descriptors() == descriptors, what="same descriptors")
+    wait_until(lambda: agent.descriptors() <= descriptors, what="no more descriptors")
     if SANITIZED:
         return      # they keep memory of their own, and take their time
     assert agent.memory_kib("Pss_Anon") - memory < 128
