@@ -2,7 +2,7 @@
 function(agent_compile_options target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Werror
-    -fno-threadsafe-statics -ffunction-sections -fdata-sections
+    -fno-threadsafe-statics -fno-asynchronous-unwind-tables -ffunction-sections -fdata-sections
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
   if(CAMERA_AGENT_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${CAMERA_AGENT_SANITIZE}
