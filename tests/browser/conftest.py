@@ -72,7 +72,15 @@ def account():
         yield account
 
 
+@pytest.fixture(scope="session")
+def camera_web_server(network):
+    """One for the whole run: the browser may post through a connection that it opened in reserve
+    during an earlier test."""
+    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as server:
+        yield server
+
+
 @pytest.fixture
-def camera_web():
-    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as camera_web:
-        yield camera_web
+def camera_web(camera_web_server):
+    camera_web_server.posts.clear()
+    return camera_web_server

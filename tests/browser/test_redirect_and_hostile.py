@@ -15,8 +15,7 @@ from pages import CAMERA_WEB, HOME, serve
 from harness import CLOUD_ID, wait_until
 from test_add_camera import fill, registered, seen, submit, wait_summary
 
-# The browser may first try a connection that it holds in reserve, until the peer gives it up.
-POST_TIMEOUT = 40    # s
+POST_TIMEOUT = 40    # s; the browser may first try a connection that the peer has given up
 
 # Keeps the times asked for; nothing is ever run by them.
 NO_TIMERS = "window.periods = []; window.setTimeout = (_, time) => window.periods.push(time);"
