@@ -82,27 +82,33 @@ int worker_start(void *(*body)(void *), void *argument) {
   return result;
 }
 
-// Bytes of stack below the first frame of a worker, the same for all of them. Found out once: the
-// question allocates, and a thread that allocates costs a cache of its own.
-static std::atomic<size_t> stack_room;
-
-// The lowest address of this worker's stack; none when it could not be found out.
+// The lowest address of this worker's stack; none when it could not be found out. The C library
+// places a thread's variables at the top of its stack, at the same distance from the top in all.
 static thread_local char *stack_bottom;
 
-static size_t measure_stack_room(const char *first_frame) {
+// Bytes of a worker's stack below that variable. Found out once: the question allocates, and a
+// thread that allocates costs a cache of its own.
+static std::atomic<size_t> stack_room;
+
+static size_t measure_stack_room() {
   pthread_attr_t attributes;
   if (pthread_getattr_np(pthread_self(), &attributes) != 0) return 0;
   void *bottom = nullptr;
   size_t size = 0;
   pthread_attr_getstack(&attributes, &bottom, &size);
   pthread_attr_destroy(&attributes);
-  return static_cast<size_t>(first_frame - static_cast<char *>(bottom));
+  return reinterpret_cast<uintptr_t>(&stack_bottom) - reinterpret_cast<uintptr_t>(bottom);
 }
 
 WorkerPresence::WorkerPresence() {
-  auto *frame = static_cast<char *>(__builtin_frame_address(0));
-  if (stack_room == 0) stack_room = measure_stack_room(frame);
-  if (stack_room != 0) stack_bottom = frame - stack_room;
+  if (stack_room == 0) stack_room = measure_stack_room();
+  // Where the variables are not on the stack, memory is not given back.
+  auto *variable = reinterpret_cast<char *>(&stack_bottom);
+  const auto *frame = static_cast<const char *>(__builtin_frame_address(0));
+  const size_t room = stack_room;
+  if (room > 0 && room < WORKER_STACK_SIZE && frame < variable && frame > variable - room) {
+    stack_bottom = variable - room;
+  }
 }
 
 // Only whole pages can be given back.
