@@ -6,7 +6,7 @@ void context_reset() {
   proxy_context.config = {};
   proxy_context.streams = nullptr;
   proxy_context.stream_count = 0;
-  proxy_context.running = 0;
+  proxy_context.running = false;
   proxy_context.cloud_server = nullptr;
   proxy_context.cloud_port = 0;
 }

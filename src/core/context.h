@@ -6,8 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <atomic>
-
+#include "core/atomic_flag.h"
 #include "core/config.h"
 
 struct StreamContext;
@@ -17,12 +16,10 @@ struct ProxyContext {
   StreamContext **streams;  // owned, stream_count slots, each owned; in stream order
   size_t stream_count;      // 0 when there is no array
   // 1 while the agent runs. Cleared by the signal handler and by tear-down, polled by every thread.
-  std::atomic<uint8_t> running;
+  AtomicFlag running;
   char *cloud_server;  // owned; host of the cloud streaming server
   uint16_t cloud_port;
 };
-
-static_assert(std::atomic<uint8_t>::is_always_lock_free, "written from a signal handler");
 
 extern ProxyContext proxy_context;
 
@@ -30,5 +27,5 @@ extern ProxyContext proxy_context;
 void context_reset();
 
 [[nodiscard]] inline bool agent_running() {
-  return proxy_context.running != 0;
+  return proxy_context.running;
 }

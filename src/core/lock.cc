@@ -2,21 +2,21 @@
 
 #include <errno.h>
 
-bool MutexLock::acquire() UNCHECKED_LOCKS {
+bool CheckedLock::acquire() UNCHECKED_LOCKS {
   const int result = pthread_mutex_lock(&mutex_->native);
   held_ = result == 0;
   if (!held_) errno = result;
   return held_;
 }
 
-bool MutexLock::release() UNCHECKED_LOCKS {
+bool CheckedLock::release() UNCHECKED_LOCKS {
   held_ = false;
   const int result = pthread_mutex_unlock(&mutex_->native);
   if (result != 0) errno = result;
   return result == 0;
 }
 
-MutexLock::~MutexLock() UNCHECKED_LOCKS {
+CheckedLock::~CheckedLock() UNCHECKED_LOCKS {
   if (held_) pthread_mutex_unlock(&mutex_->native);
 }
 

@@ -23,20 +23,20 @@ struct LOCK_CAPABILITY Mutex {
   pthread_mutex_t native = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Holds a mutex from acquire() to release(). Both store the pthread result in errno and say
-// whether it was 0, since callers report the two failures with texts of their own. The destructor
-// is the net for early returns.
+// For locks whose failure has a report of its own: holds a mutex from acquire() to release(). Both
+// store the pthread result in errno and say whether it was 0. The destructor is the net for early
+// returns.
 //
-//   MutexLock lock(&monitor.lock);
+//   CheckedLock lock(&monitor.lock);
 //   if (!lock.acquire()) return report(...);
 //   ... work ...
 //   return lock.release();
-class SCOPED_LOCK MutexLock {
+class SCOPED_LOCK CheckedLock {
  public:
-  explicit MutexLock(Mutex *mutex) EXCLUDES_LOCK(mutex) : mutex_(mutex) {}
-  MutexLock(const MutexLock &) = delete;
-  MutexLock &operator=(const MutexLock &) = delete;
-  ~MutexLock() RELEASES_LOCK();
+  explicit CheckedLock(Mutex *mutex) EXCLUDES_LOCK(mutex) : mutex_(mutex) {}
+  CheckedLock(const CheckedLock &) = delete;
+  CheckedLock &operator=(const CheckedLock &) = delete;
+  ~CheckedLock() RELEASES_LOCK();
 
   [[nodiscard]] bool acquire() TRIES_LOCK(true);
   bool release() RELEASES_LOCK();
@@ -46,8 +46,8 @@ class SCOPED_LOCK MutexLock {
   bool held_ = false;
 };
 
-// A lock that cannot fail to be taken: for the default mutexes of this process whose failure has
-// no report of its own. Held from construction to the end of the scope.
+// For locks without such a report, on default mutexes, which cannot fail to be taken: held from
+// construction to the end of the scope.
 class SCOPED_LOCK ScopedLock {
  public:
   explicit ScopedLock(Mutex *mutex) ACQUIRES_LOCK(mutex);

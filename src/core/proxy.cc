@@ -125,7 +125,7 @@ bool proxy_init(AgentConfig *config) {
     log_message(LOG_ERROR, "Invalid configuration provided");
     return false;
   }
-  proxy_context.running = 1;
+  proxy_context.running = true;
   proxy_context.config = *config;  // before the monitor, which takes the stream URLs from it
   proxy_context.config.cloud_id = nullptr;
   if (!monitor_init(config->stream_count)) {
@@ -160,6 +160,6 @@ void proxy_cleanup() {
   set_all_offline();
   release_streams();
   monitor_cleanup();
-  proxy_context.running = 0;
+  proxy_context.running = false;
   log_message(LOG_INFO, "Proxy cleanup completed");
 }

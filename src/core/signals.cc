@@ -6,7 +6,7 @@
 #include "core/context.h"
 
 void handle_signal(int /*signal_number*/) {
-  proxy_context.running = 0;
+  proxy_context.running = false;
 }
 
 void signals_install() {

@@ -178,7 +178,7 @@ static void wake_all(int how) REQUIRES_LOCK(workers.lock) {
 
 void workers_stop() {
   const ScopedLock lock(&workers.lock);
-  proxy_context.running = 0;
+  proxy_context.running = false;
   // Again and again until everybody has left: a shutdown that lands just before the worker's
   // connect() is lost.
   const int64_t gentle_end = monotonic_ms() + GENTLE_TIME;

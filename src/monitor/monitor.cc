@@ -12,9 +12,13 @@
 #include "monitor/status_file.h"
 #include "monitor/time_format.h"
 
-static constexpr size_t ERROR_BUILDER_CAPACITY = 256;
-static constexpr size_t START_TIME_SIZE = 32;     // bytes
-static constexpr size_t FINAL_UPTIME_SIZE = 128;  // bytes
+// Bytes. Each text is made in a builder of a size that it usually fits.
+static constexpr size_t ERROR_CAPACITY = 256;
+static constexpr size_t DURATION_CAPACITY = 64;
+static constexpr size_t DATE_TIME_CAPACITY = 32;
+static constexpr size_t NOT_AVAILABLE_CAPACITY = 16;
+static constexpr size_t START_TIME_SIZE = 32;
+static constexpr size_t FINAL_UPTIME_SIZE = 128;
 
 static constexpr const char *STATUS_NAMES[] = {"offline", "connecting", "registered", "streaming",
                                                "error"};
@@ -118,7 +122,7 @@ bool monitor_update_status(int stream_id, StreamStatus status) {
     log_message(LOG_ERROR, "Invalid channel ID in status update: %d", stream_id);
     return false;
   }
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) {
     log_message(LOG_ERROR, "Failed to acquire monitor lock for status update");
     return false;
@@ -150,7 +154,7 @@ bool monitor_update_error(int stream_id, int32_t code, const char *message) {
     return false;
   }
   // A copy of its own: the message may live in a buffer that the system reuses (strerror).
-  const StringBuilderOwner text(string_builder_create(ERROR_BUILDER_CAPACITY));
+  const StringBuilderOwner text(string_builder_create(ERROR_CAPACITY));
   if (!text) {
     log_message(LOG_ERROR, "Failed to create string builder for error message");
     return false;
@@ -159,7 +163,7 @@ bool monitor_update_error(int stream_id, int32_t code, const char *message) {
     log_message(LOG_ERROR, "Failed to append error message to string builder");
     return false;
   }
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) {
     log_message(LOG_ERROR, "Failed to acquire monitor lock: %s", strerror(errno));
     return false;
@@ -190,7 +194,7 @@ bool monitor_update_stats(int stream_id, uint64_t sent, uint64_t received) {
     log_message(LOG_ERROR, "Failed to get current time: %s", strerror(errno));
     return false;
   }
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) {
     log_message(LOG_ERROR, "Failed to acquire monitor lock: %s", strerror(errno));
     return false;
@@ -203,19 +207,94 @@ bool monitor_update_stats(int stream_id, uint64_t sent, uint64_t received) {
   return true;
 }
 
-bool monitor_get_stream_state(int stream_id, StreamMonitorState *state) {
-  if (!state || !monitor_knows(stream_id)) return false;
-  MutexLock lock(&monitor.lock);
+// --- Reading -------------------------------------------------------------------------------------
+
+bool monitor_get_stream_state(int stream_id, StreamMonitorState *copy) {
+  if (!copy || !monitor_knows(stream_id)) return false;
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) return false;
   const StreamMonitorState &record = monitor.streams[stream_id - 1];
-  const bool matches = record.stream_id == static_cast<uint32_t>(stream_id);
-  if (matches) *state = record;
-  lock.release();
-  return matches;
+  if (record.stream_id != static_cast<uint32_t>(stream_id)) return false;
+  *copy = record;
+  return true;
 }
 
+bool monitor_append_records(StringBuilder *out, MonitorAppender append) {
+  CheckedLock lock(&monitor.lock);
+  if (!lock.acquire()) return false;
+  return append(out, {monitor.streams, monitor.stream_count});
+}
+
+uint32_t monitor_get_uptime() {
+  CheckedLock lock(&monitor.lock);
+  if (!lock.acquire()) return 0;
+  const time_t now = time(nullptr);
+  if (now == -1) return 0;
+  const auto uptime = static_cast<uint32_t>(now - monitor.start_time);
+  monitor.uptime = uptime;
+  return uptime;
+}
+
+uint64_t monitor_get_streaming_duration(int stream_id) {
+  CheckedLock lock(&monitor.lock);
+  if (!lock.acquire()) return 0;
+  if (!monitor_knows(stream_id)) return 0;
+  StreamMonitorState *record = &monitor.streams[stream_id - 1];
+  if (record->streaming_since == 0) return 0;
+  const time_t now = time(nullptr);
+  if (now == -1) return 0;
+  // A 32-bit difference, sign-extended: a clock that was set back gives a huge duration, which
+  // the text shows as the longest one.
+  const auto difference = static_cast<int32_t>(now - record->streaming_since);
+  record->streaming_duration = static_cast<uint64_t>(int64_t{difference});
+  return record->streaming_duration;
+}
+
+// Hands a finished text over, cut to the caller's buffer. None when it could not be made: the
+// buffer then holds the empty text.
+static char *copy_text(const StringBuilder *text, bool made, char *buffer, size_t size) {
+  text_copy_to(buffer, size, made ? text->data : "");
+  return made ? buffer : nullptr;
+}
+
+static char *copy_duration(uint32_t seconds, char *buffer, size_t size) {
+  const StringBuilderOwner text(string_builder_create(DURATION_CAPACITY));
+  return copy_text(text.get(), text && format_duration(seconds, text.get()), buffer, size);
+}
+
+static char *copy_not_available(char *buffer, size_t size) {
+  const StringBuilderOwner text(string_builder_create(NOT_AVAILABLE_CAPACITY));
+  return copy_text(text.get(), string_builder_append(text.get(), "N/A"), buffer, size);
+}
+
+char *monitor_format_uptime(char *buffer, size_t size) {
+  if (!buffer || size == 0) return nullptr;
+  return copy_duration(monitor_get_uptime(), buffer, size);
+}
+
+char *monitor_format_stream_uptime(int stream_id, char *buffer, size_t size) {
+  if (!buffer || size == 0) return nullptr;
+  const uint64_t duration =
+      monitor_knows(stream_id) ? monitor_get_streaming_duration(stream_id) : 0;
+  if (duration == 0) return copy_not_available(buffer, size);
+  const auto shown = duration > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(duration);
+  return copy_duration(shown, buffer, size);
+}
+
+char *monitor_format_start_time(char *buffer, size_t size) {
+  if (!buffer || size == 0) return nullptr;
+  buffer[0] = '\0';
+  CheckedLock lock(&monitor.lock);
+  if (!lock.acquire()) return nullptr;
+  const StringBuilderOwner text(string_builder_create(DATE_TIME_CAPACITY));
+  const bool made = text && format_date_time(monitor.start_time, text.get());
+  return copy_text(text.get(), made, buffer, size);
+}
+
+// --- The end -------------------------------------------------------------------------------------
+
 static void release_records() {
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) return;
   free(monitor.streams);
   monitor.streams = nullptr;

@@ -9,9 +9,11 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <span>
 #include <type_traits>
 
 #include "core/lock.h"
+#include "core/string_builder.h"
 
 enum StreamStatus : int32_t {
   STREAM_OFFLINE = 0,     // no connection to the cloud
@@ -21,8 +23,8 @@ enum StreamStatus : int32_t {
   STREAM_ERROR = 4,       // an error was reported
 };
 
-inline constexpr size_t MONITOR_TEXT_SIZE =
-    256;  // bytes of a fixed text field, terminator included
+// Bytes of a fixed text field, terminator included.
+inline constexpr size_t MONITOR_TEXT_SIZE = 256;
 
 struct StreamMonitorState {
   uint32_t stream_id;  // 1-based; index + 1
@@ -69,8 +71,35 @@ bool monitor_update_stats(int stream_id, uint64_t sent, uint64_t received)
     EXCLUDES_LOCK(monitor.lock);
 
 // Copies the stream's record. False for a bad number, no record to copy to, or a lock failure.
-[[nodiscard]] bool monitor_get_stream_state(int stream_id, StreamMonitorState *state)
+[[nodiscard]] bool monitor_get_stream_state(int stream_id, StreamMonitorState *copy)
     EXCLUDES_LOCK(monitor.lock);
+
+// Appends something of every stream, in stream order. Called with the lock held: it must not call
+// the monitor.
+using MonitorAppender = bool (*)(StringBuilder *out, std::span<const StreamMonitorState> records);
+
+// What `append` says; false when the lock cannot be taken.
+[[nodiscard]] bool monitor_append_records(StringBuilder *out, MonitorAppender append)
+    EXCLUDES_LOCK(monitor.lock);
+
+// Seconds since the monitor was created; 0 when the lock or the clock fails.
+[[nodiscard]] uint32_t monitor_get_uptime() EXCLUDES_LOCK(monitor.lock);
+
+// Seconds since the stream entered streaming; 0 when it does not stream, for a bad number or a
+// failure. Above 32 bits after the wall clock was set back.
+[[nodiscard]] uint64_t monitor_get_streaming_duration(int stream_id) EXCLUDES_LOCK(monitor.lock);
+
+// The next three write into the caller's buffer, cut to its size less one and always terminated.
+// Each returns the buffer, or none when there is no buffer, no size, or the text cannot be made
+// (the buffer then holds the empty text).
+char *monitor_format_uptime(char *buffer, size_t size) EXCLUDES_LOCK(monitor.lock);
+
+// "N/A" for a stream that does not stream or does not exist.
+char *monitor_format_stream_uptime(int stream_id, char *buffer, size_t size)
+    EXCLUDES_LOCK(monitor.lock);
+
+// Local date and time.
+char *monitor_format_start_time(char *buffer, size_t size) EXCLUDES_LOCK(monitor.lock);
 
 // Destroys the monitor and deletes the status file. Main thread, after every other thread that
 // calls the monitor has ended.

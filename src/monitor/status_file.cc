@@ -29,7 +29,7 @@ bool monitor_write_status_file() {
   if (!config.status_file_enabled) return true;
 
   // Held while writing, so that the last status set is also the last one written.
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) {
     log_message(LOG_ERROR, "Failed to acquire monitor lock for global status update");
     return false;

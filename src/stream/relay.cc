@@ -56,7 +56,8 @@ static void report_end(const StreamContext *stream, int code, const char *reason
 // the other one merely meets the consequences.
 static void relay_end(RelayContext *relay, int code, const char *reason, EndLog log) {
   const ScopedLock lock(&relay->end_lock);
-  if (relay->active->exchange(0) == 0) return;
+  if (!*relay->active) return;
+  *relay->active = false;
   if (reason) report_end(relay->stream, code, reason, log);
   wake_other_direction(relay);
 }
@@ -236,7 +237,8 @@ static bool run_relay(RelayContext *relay, time_t started) {
 
 static bool relay_streams(int cloud_fd, int camera_fd, const StreamContext *stream,
                           time_t started) {
-  std::atomic<uint8_t> active = 1;
+  AtomicFlag active;
+  active = true;
   RelayContext relay = {.cloud_fd = cloud_fd,
                         .camera_fd = camera_fd,
                         .active = &active,

@@ -5,17 +5,16 @@
 #include <semaphore.h>
 #include <stdint.h>
 
-#include <atomic>
-
+#include "core/atomic_flag.h"
 #include "core/lock.h"
 #include "stream/stream_context.h"
 
 // What the two directions share. Owned by stream_proxy on the stream thread, which outlives the
 // cloud-to-camera thread's use of it.
 struct RelayContext {
-  int cloud_fd;                  // closed by the stream thread after the relay
-  int camera_fd;                 // closed at the end of stream_proxy
-  std::atomic<uint8_t> *active;  // 1 while the relay runs; cleared by whichever direction ends
+  int cloud_fd;        // closed by the stream thread after the relay
+  int camera_fd;       // closed at the end of stream_proxy
+  AtomicFlag *active;  // 1 while the relay runs; cleared by whichever direction ends
   const StreamContext *stream;
   // Held from clearing `active` until the reason has been reported, so that no report can come
   // after the end has set the stream offline. Taken before the monitor's lock.

@@ -5,8 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <atomic>
-
+#include "core/atomic_flag.h"
 #include "stream/relay_health.h"
 
 enum class RelayPeer { CLOUD, CAMERA };
@@ -22,9 +21,9 @@ enum class SendResult {
 struct RelayOutput {
   int fd;  // the connection to the peer
   RelayPeer peer;
-  const std::atomic<uint8_t> *active;  // the relay's flag
-  RelayHealth *health;                 // none towards the camera
-  uint64_t *sent;                      // bytes moved are added; none towards the camera
+  const AtomicFlag *active;  // the relay's flag
+  RelayHealth *health;       // none towards the camera
+  uint64_t *sent;            // bytes moved are added; none towards the camera
 };
 
 // Returns at once when the relay ends, provided that whoever ends it shuts the read side of `fd`.

@@ -69,7 +69,7 @@ static bool append_channels(StringBuilder *builder) REQUIRES_LOCK(monitor.lock) 
 
 bool build_channels_json(StringBuilder *builder) {
   if (!string_builder_append(builder, DOCUMENT_HEAD)) return false;
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) return false;
   const bool appended = append_channels(builder);
   lock.release();

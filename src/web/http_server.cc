@@ -207,7 +207,7 @@ bool http_register_handler(const char *path, const char *link_id, bool show_on_h
 static void reset_server(uint16_t port) UNCHECKED_LOCKS {
   http_server.listen_fd = -1;
   http_server.server_thread = {};
-  http_server.running = 1;
+  http_server.running = true;
   http_server.handlers = {};
   http_server.handler_count = 0;
   http_server.port = port;
@@ -291,7 +291,7 @@ bool http_server_start(uint16_t port) {
     return true;
   }
   // Left as if never started, so that tear-down joins no thread that does not exist.
-  http_server.running = 0;
+  http_server.running = false;
   http_server_close_sockets();
   return false;
 }
@@ -300,7 +300,7 @@ bool http_server_start(uint16_t port) {
 // first and close the pipe, whose number must not be written to by then.
 static void signal_stop() {
   const ScopedLock lock(&http_server.lock);
-  http_server.running = 0;
+  http_server.running = false;
   if (http_server.client_fd >= 0) shutdown(http_server.client_fd, SHUT_RDWR);
   if (http_server.shutdown_pipe[1] < 0) return;
   const char byte = 1;

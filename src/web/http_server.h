@@ -6,8 +6,8 @@
 #include <stdint.h>
 
 #include <array>
-#include <atomic>
 
+#include "core/atomic_flag.h"
 #include "core/lock.h"
 
 inline constexpr uint32_t MAX_HANDLERS = 32;
@@ -26,7 +26,7 @@ struct HttpHandler {
 struct HttpServer {
   int listen_fd;                                   // -1 when closed
   pthread_t server_thread;                         // joined by http_server_stop
-  std::atomic<uint8_t> running;                    // 1 from the start until the stop
+  AtomicFlag running;                              // 1 from the start until the stop
   std::array<HttpHandler, MAX_HANDLERS> handlers;  // in registration order
   uint32_t handler_count;
   uint16_t port;
@@ -48,7 +48,7 @@ extern HttpServer http_server;
 void http_server_stop();
 
 [[nodiscard]] inline bool http_server_running() {
-  return http_server.running != 0;
+  return http_server.running;
 }
 
 // Adds a route. False (logged) when the table is full, or without memory. Main thread, during the

@@ -6,7 +6,6 @@
 
 #include "core/text.h"
 #include "monitor/monitor.h"
-#include "monitor/time_format.h"
 #include "web/assets.h"
 #include "web/page.h"
 #include "web/status_label.h"

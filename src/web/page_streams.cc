@@ -99,7 +99,7 @@ static bool append_paired_rows(StringBuilder *page) REQUIRES_LOCK(monitor.lock) 
 }
 
 static bool append_rows(StringBuilder *page) {
-  MutexLock lock(&monitor.lock);
+  CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) return false;
   const bool appended = monitor.stream_count == 0 ? append_piece(page, ASSET_STREAMS_EMPTY_HTML)
                         : proxy_context.config.group_streams ? append_paired_rows(page)

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "monitor/status_file.h"
-#include "monitor/time_format.h"
 #include "support/agent_test.h"
 #include "support/fault.h"
 

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "monitor/monitor.h"
 #include "support/agent_test.h"
 #include "support/fault.h"
 

@@ -13,6 +13,8 @@
 
 class Relay : public StreamTest {
  protected:
+  Relay() { active = true; }
+
   RelayOutput output_to(const TcpPair &peer, RelayPeer kind) {
     return {.fd = peer.ours.get(),
             .peer = kind,
@@ -21,7 +23,7 @@ class Relay : public StreamTest {
             .sent = kind == RelayPeer::CLOUD ? &sent : nullptr};
   }
 
-  std::atomic<uint8_t> active = 1;
+  AtomicFlag active;
   RelayHealth health = {.checked = 0};
   uint64_t sent = 0;
 };
