@@ -1,5 +1,9 @@
 #include "core/agent.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "core/config.h"
 #include "core/context.h"
 #include "core/log.h"
@@ -9,7 +13,20 @@
 #include "stream/stream_thread.h"
 #include "web/http_server.h"
 
-static constexpr int RUN_LOOP_STEP = 1;  // seconds
+static constexpr int RUN_LOOP_STEP_S = 1;
+
+// Whoever started the agent may have closed them. The next file or socket would then get the number
+// of standard error, and the log, with the camera's password in it, would go there: into the stored
+// cloud ID, or to the cloud. False when a descriptor cannot be had.
+static bool open_standard_descriptors() {
+  for (int number = STDIN_FILENO; number <= STDERR_FILENO; number++) {
+    if (fcntl(number, F_GETFD) >= 0 || errno != EBADF) continue;
+    // The lowest free number is this one. A directory serves where there are no devices: nothing
+    // can be written to it.
+    if (open("/dev/null", O_RDWR) < 0 && open("/", O_RDONLY | O_DIRECTORY) < 0) return false;
+  }
+  return true;
+}
 
 static bool start_threads(const AgentConfig &config) {
   for (size_t i = 0; i < config.stream_count; i++) {
@@ -27,6 +44,7 @@ static bool start_threads(const AgentConfig &config) {
 int agent_main(int argc, char **argv) {
   AgentConfig config = {};
   context_reset();
+  if (!open_standard_descriptors()) return 1;
   workers_open();
   signals_install();
 
@@ -42,7 +60,7 @@ int agent_main(int argc, char **argv) {
 
   const bool started = start_threads(config);
   while (started && agent_running())
-    main_pause(RUN_LOOP_STEP);
+    main_pause(RUN_LOOP_STEP_S);
 
   proxy_cleanup();
   config_free(&config);

@@ -3,7 +3,6 @@
 #include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <string_view>
 
@@ -19,14 +18,23 @@ static constexpr uint16_t DEFAULT_HTTP_PORT = 8282;
 
 static constexpr char SHORT_OPTIONS[] = "c:f:s:v:m:dglnp:rVh";
 
+// The order shows: where an abbreviation is ambiguous, the parser's diagnostic lists the candidates
+// by it.
 static constexpr option LONG_OPTIONS[] = {
-    {"config", required_argument, nullptr, 'c'},  {"status-file", optional_argument, nullptr, 'f'},
-    {"stream", required_argument, nullptr, 's'},  {"vendor", required_argument, nullptr, 'v'},
-    {"model", required_argument, nullptr, 'm'},   {"debug", no_argument, nullptr, 'd'},
-    {"group-streams", no_argument, nullptr, 'g'}, {"legacy-add", no_argument, nullptr, 'l'},
-    {"no-http", no_argument, nullptr, 'n'},       {"http-port", required_argument, nullptr, 'p'},
-    {"require-auth", no_argument, nullptr, 'r'},  {"version", no_argument, nullptr, 'V'},
-    {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+    {"config", required_argument, nullptr, 'c'},
+    {"stream", required_argument, nullptr, 's'},
+    {"vendor", required_argument, nullptr, 'v'},
+    {"model", required_argument, nullptr, 'm'},
+    {"debug", no_argument, nullptr, 'd'},
+    {"group-streams", no_argument, nullptr, 'g'},
+    {"legacy-add", no_argument, nullptr, 'l'},
+    {"no-http", no_argument, nullptr, 'n'},
+    {"http-port", required_argument, nullptr, 'p'},
+    {"require-auth", no_argument, nullptr, 'r'},
+    {"version", no_argument, nullptr, 'V'},
+    {"help", no_argument, nullptr, 'h'},
+    {"status-file", optional_argument, nullptr, 'f'},
+    {nullptr, 0, nullptr, 0},
 };
 
 // Logging has to be on before the first option is parsed, or the lines of earlier options would
@@ -86,9 +94,11 @@ static bool set_status_file(AgentConfig *config, const char *path) {
   return true;
 }
 
-static void set_http_port(AgentConfig *config, const char *port) {
+// Nothing is validated: the low 16 bits of whatever number stands there, 0 without one.
+static bool set_http_port(AgentConfig *config, const char *port) {
   config->http_port = static_cast<uint16_t>(text_to_int(port));
   log_message(LOG_INFO, "Http server port set to: %s", port);
+  return true;
 }
 
 static bool add_stream_option(TextList *options, const char *url) {
@@ -103,8 +113,16 @@ static bool add_stream_option(TextList *options, const char *url) {
   return true;
 }
 
-// The options that take an argument. The parser hands over none only for a bare --status-file.
-static bool apply_value(AgentConfig *config, TextList *options, int letter, const char *value) {
+// Sets the flag and says so.
+static bool set_flag(uint8_t *flag, uint8_t value, const char *line) {
+  *flag = value;
+  log_message(LOG_INFO, "%s", line);
+  return true;
+}
+
+// One option; false ends loading as a failure, as -h and -V do on purpose.
+static bool apply_option(AgentConfig *config, TextList *options, int letter, const char *value,
+                         const char *program_name) {
   switch (letter) {
     case 'c':
       return set_config_dir(config, value);
@@ -114,45 +132,29 @@ static bool apply_value(AgentConfig *config, TextList *options, int letter, cons
       return set_vendor(config, value);
     case 'm':
       return set_model(config, value);
-    case 'f':
-      return set_status_file(config, value);
-    case 'p':
-      set_http_port(config, value);
-      return true;
-    default:
-      return false;  // the parser has printed its diagnostic
-  }
-}
-
-// The options without an argument; -h and -V end loading as a failure.
-static bool apply_flag(AgentConfig *config, int letter, const char *program_name) {
-  switch (letter) {
     case 'd':
       return true;  // taken from the pre-scan
     case 'g':
-      config->group_streams = 1;
-      log_message(LOG_INFO, "Stream pairing enabled");
-      return true;
+      return set_flag(&config->group_streams, 1, "Stream pairing enabled");
     case 'l':
-      config->legacy_add = 1;
-      log_message(LOG_INFO, "Legacy Add Camera page enabled");
-      return true;
+      return set_flag(&config->legacy_add, 1, "Legacy Add Camera page enabled");
     case 'n':
-      config->http_enabled = 0;
-      log_message(LOG_INFO, "Http server disabled");
-      return true;
+      return set_flag(&config->http_enabled, 0, "Http server disabled");
+    case 'p':
+      return set_http_port(config, value);
     case 'r':
-      config->require_auth = 1;
-      log_message(LOG_INFO, "Device credentials will be required for cloud registration");
-      return true;
+      return set_flag(&config->require_auth, 1,
+                      "Device credentials will be required for cloud registration");
     case 'V':
       print_version();
       return false;
     case 'h':
       print_usage(program_name);
       return false;
+    case 'f':
+      return set_status_file(config, value);
     default:
-      return false;
+      return false;  // the parser has printed its diagnostic
   }
 }
 
@@ -161,10 +163,7 @@ static bool parse_options(int argc, char **argv, AgentConfig *config, TextList *
   for (;;) {
     const int letter = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS, nullptr);
     if (letter == -1) return true;
-    const bool is_flag = strchr("dglnrVh", letter) != nullptr;
-    const bool applied = is_flag ? apply_flag(config, letter, argv[0])
-                                 : apply_value(config, options, letter, optarg);
-    if (!applied) return false;
+    if (!apply_option(config, options, letter, optarg, argv[0])) return false;
   }
 }
 

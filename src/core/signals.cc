@@ -9,18 +9,26 @@ void handle_signal(int /*signal_number*/) {
   proxy_context.running = false;
 }
 
+static sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
 void signals_install() {
   signal(SIGPIPE, SIG_IGN);
   signal(SIGTERM, handle_signal);
   signal(SIGINT, handle_signal);
+  // A program inherits what its starter has blocked.
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 StopSignalsBlocked::StopSignalsBlocked() {
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, &before_);
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, &before_);
 }
 
 StopSignalsBlocked::~StopSignalsBlocked() {

@@ -3,8 +3,8 @@
 
 #include <signal.h>
 
-// Installs the handler and ignores SIGPIPE: a write to a peer that has closed must fail, never end
-// the process. Main thread, first of all.
+// Installs the handler, lets the stop signals through and ignores SIGPIPE: a write to a peer that
+// has closed must fail, never end the process. Main thread, first of all.
 void signals_install();
 
 // The handler: clears the context's `running` and does nothing else.

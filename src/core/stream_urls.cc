@@ -9,9 +9,9 @@
 #include "core/log.h"
 #include "core/text.h"
 
-static constexpr size_t MAX_NUMBER_TEXT = 15;  // characters on either side of the "-"
-static constexpr std::string_view DEFAULT_PORT = ":554";
+static constexpr size_t MAX_NUMBER_TEXT = 15;    // characters on either side of the "-"
 static constexpr size_t CHANNEL_TEXT_SIZE = 12;  // a 32-bit number and the terminator
+static constexpr size_t PORT_TEXT_SIZE = 7;      // a colon, a 16-bit number and the terminator
 
 static constexpr size_t NONE = std::string_view::npos;
 
@@ -102,25 +102,34 @@ Text add_default_port(const char *url) {
   if (names_port(url + authority)) return text_copy(text);
 
   const size_t point = port_insertion_point(url, authority);
-  Text with_port = join({url, point}, DEFAULT_PORT, view_from(text, point));
+  char port[PORT_TEXT_SIZE];
+  snprintf(port, sizeof port, ":%u", unsigned{RTSP_PORT});
+  Text with_port = join({url, point}, port, view_from(text, point));
   if (with_port) {
-    log_message(LOG_INFO, "No port specified in stream address, assuming default 554");
+    log_message(LOG_INFO, "No port specified in stream address, assuming default %u",
+                unsigned{RTSP_PORT});
   }
   return with_port;
 }
 
-static bool append_channel(const char *url, const ExpansionRange &range, int channel,
+// Channels of a range are counted by their distance from its start: the last one may be the largest
+// number there is, which no loop over the numbers themselves could get past.
+static int last_distance(const ExpansionRange &range) {
+  return range.end - range.start;
+}
+
+static bool append_channel(const char *url, const ExpansionRange &range, int distance,
                            TextList *out) {
   char number[CHANNEL_TEXT_SIZE];
-  snprintf(number, sizeof number, "%d", channel);
+  snprintf(number, sizeof number, "%d", range.start + distance);
   return out->append(join({url, range.open}, number, url + range.after));
 }
 
 bool expand_stream_url(const char *url, TextList *out) {
   ExpansionRange range;
   if (!parse_expansion_range(url, &range)) return out->append(text_copy(url));
-  for (int channel = range.start; channel <= range.end; channel++) {
-    if (!append_channel(url, range, channel, out)) return false;
+  for (int distance = 0; distance <= last_distance(range); distance++) {
+    if (!append_channel(url, range, distance, out)) return false;
   }
   return true;
 }
@@ -132,9 +141,8 @@ static bool expand_pair(const char *first, const char *second, TextList *out) {
     return expand_stream_url(first, out) && expand_stream_url(second, out);
   }
   // The counts are equal, the first channels need not be.
-  for (int i = 0; i <= a.end - a.start; i++) {
-    if (!append_channel(first, a, a.start + i, out) ||
-        !append_channel(second, b, b.start + i, out)) {
+  for (int distance = 0; distance <= last_distance(a); distance++) {
+    if (!append_channel(first, a, distance, out) || !append_channel(second, b, distance, out)) {
       return false;
     }
   }

@@ -3,10 +3,14 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text_list.h"
+
+// The port of a camera whose URL names none.
+inline constexpr uint16_t RTSP_PORT = 554;
 
 // The first placeholder "{start-end}" of a URL.
 struct ExpansionRange {
