@@ -1,31 +1,28 @@
 #include "cloud/balancer_client.h"
 
 #include <errno.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
-#include <algorithm>
 #include <string_view>
 
-#include "cloud/backoff.h"
-#include "core/clock.h"
+#include "core/backoff.h"
 #include "core/context.h"
 #include "core/log.h"
 #include "core/signals.h"
-#include "core/tcp.h"
+#include "core/sockets.h"
 
-static constexpr time_t SOCKET_TIMEOUT = 5;       // seconds, of each receive and each send
-static constexpr int64_t STOP_LIMIT = 5'000;      // ms that an attempt may go on after a stop
-static constexpr int64_t RECEIVE_LIMIT = 60'000;  // ms for a whole response, however slow
-static constexpr int FIRST_DELAY = 1;             // seconds
-static constexpr int DELAY_CAP = 60;              // seconds
-static constexpr size_t RESPONSE_SIZE = 4096;     // bytes, without the terminator
-static constexpr size_t MIN_RESPONSE_SIZE = 64;   // bytes
-static constexpr size_t REQUEST_ROOM = 512;       // bytes beside the inserted values
+static constexpr int TIMEOUT_S = 5;  // of the connect, of each receive and of each send
+static constexpr int TIMEOUT_MS = TIMEOUT_S * 1000;
+static constexpr int STOP_GRACE_MS = 2000;  // that an attempt may go on after a stop is asked for
+static constexpr int FIRST_DELAY_S = 1;
+static constexpr int DELAY_CAP_S = 60;
+static constexpr size_t RESPONSE_SIZE = 4096;    // bytes, without the terminator
+static constexpr size_t MIN_RESPONSE_SIZE = 64;  // bytes
+static constexpr size_t REQUEST_ROOM = 512;      // bytes beside the inserted values
 static constexpr int HTTP_OK = 200;
 
 static constexpr std::string_view BLANK_LINE = "\r\n\r\n";
@@ -46,12 +43,13 @@ static constexpr char SERVER_REQUEST[] =
     "Content-Length: 0\r\n"
     "\r\n";
 
-// The buffers of one operation; they live for all its attempts.
+// What one operation works with; it lives for all its attempts.
 struct Exchange {
   Text request;
   size_t request_size = 0;
   Text response;        // RESPONSE_SIZE bytes and a terminator
   size_t received = 0;  // bytes of the response so far
+  StopGrace grace{STOP_GRACE_MS};
 
   [[nodiscard]] std::string_view text() const { return {response.get(), received}; }
 };
@@ -71,41 +69,31 @@ static bool allocate_buffers(Exchange *exchange, size_t request_size) {
   return true;
 }
 
-static bool set_timeouts(int socket) {
-  const timeval timeout = {.tv_sec = SOCKET_TIMEOUT, .tv_usec = 0};
-  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0 &&
-         setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0;
-}
-
-// A new socket with its time-outs; none (logged) on failure.
+// A new socket with its time-outs; none (logged) on failure. The waits below keep to the same times
+// by themselves, since only they notice a stop.
 static Fd open_socket() {
-  Fd connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!connection) {
+  Fd balancer = tcp_socket();
+  if (!balancer) {
     log_message(LOG_ERROR, "Failed to create socket: %s", strerror(errno));
     return Fd();
   }
-  if (!set_timeouts(connection.get())) {
-    log_message(LOG_ERROR, "Failed to set socket timeouts: %s", strerror(errno));
-    return Fd();
-  }
-  return connection;
+  if (!socket_set_options(balancer.get(), TIMEOUT_S, TIMEOUT_S, false)) return Fd();
+  return balancer;
 }
 
-static bool convert_address(sockaddr_in *address) {
-  const AgentConfig &config = proxy_context.config;
-  return tcp_address(config.api_server, config.api_port, address);
-}
-
-static bool connect_to(const Fd &connection, const sockaddr_in &address) {
-  if (tcp_connect(connection.get(), address)) return true;
+static bool connect_to(const Fd &balancer, const sockaddr_in &address, Exchange *exchange) {
+  if (tcp_connect(balancer.get(), address, TIMEOUT_S, &exchange->grace)) return true;
   log_message(LOG_ERROR, "Connect failed: %s", strerror(errno));
   return false;
 }
 
-static bool send_request(const Fd &connection, const Exchange &exchange) {
-  std::string_view rest = exchange.request.get();
+static bool send_request(const Fd &balancer, Exchange *exchange) {
+  std::string_view rest = exchange->request.get();
   while (!rest.empty()) {
-    const ssize_t sent = send(connection.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
+    ssize_t sent = -1;
+    if (socket_wait(balancer.get(), POLLOUT, TIMEOUT_MS, &exchange->grace)) {
+      sent = send(balancer.get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
     if (sent >= 0) {
       rest.remove_prefix(static_cast<size_t>(sent));
     } else if (errno != EINTR) {
@@ -118,27 +106,21 @@ static bool send_request(const Fd &connection, const Exchange &exchange) {
 
 enum class Chunk { DATA, CLOSED, FAILED };
 
-// Adds one chunk to the response and terminates it. A balancer that drips its answer may neither
-// hold the attempt past `deadline` nor, once a stop is asked for, longer than a silent one could.
-static Chunk receive_chunk(const Fd &connection, Exchange *exchange, int64_t *deadline) {
-  for (;;) {
-    const int64_t now = monotonic_ms();
-    if (!agent_running()) *deadline = std::min(*deadline, now + STOP_LIMIT);
-    if (now > *deadline) {
-      log_message(LOG_ERROR, "Receive error: %s", strerror(ETIMEDOUT));
-      return Chunk::FAILED;
-    }
-    const ssize_t count = recv(connection.get(), exchange->response.get() + exchange->received,
-                               RESPONSE_SIZE - exchange->received, 0);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      log_message(LOG_ERROR, "Receive error: %s", strerror(errno));
-      return Chunk::FAILED;
-    }
-    exchange->received += static_cast<size_t>(count);
-    exchange->response[exchange->received] = '\0';
-    return count == 0 ? Chunk::CLOSED : Chunk::DATA;
+// Adds one chunk to the response and terminates it.
+static Chunk receive_chunk(const Fd &balancer, Exchange *exchange) {
+  ssize_t count = -1;
+  do {
+    if (!socket_wait(balancer.get(), POLLIN, TIMEOUT_MS, &exchange->grace)) break;
+    count = recv(balancer.get(), exchange->response.get() + exchange->received,
+                 RESPONSE_SIZE - exchange->received, MSG_DONTWAIT);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    log_message(LOG_ERROR, "Receive error: %s", strerror(errno));
+    return Chunk::FAILED;
   }
+  exchange->received += static_cast<size_t>(count);
+  exchange->response[exchange->received] = '\0';
+  return count == 0 ? Chunk::CLOSED : Chunk::DATA;
 }
 
 static bool has_blank_line(const Exchange &exchange) {
@@ -152,10 +134,9 @@ static bool is_size_sound(const Exchange &exchange) {
 }
 
 // Reads up to the chunk that brings the blank line; a body in a later chunk is not read.
-static bool receive_id_response(const Fd &connection, Exchange *exchange) {
-  int64_t deadline = monotonic_ms() + RECEIVE_LIMIT;
+static bool receive_id_response(const Fd &balancer, Exchange *exchange) {
   for (;;) {
-    const Chunk chunk = receive_chunk(connection, exchange, &deadline);
+    const Chunk chunk = receive_chunk(balancer, exchange);
     if (chunk == Chunk::FAILED) return false;
     if (chunk == Chunk::CLOSED || has_blank_line(*exchange)) return is_size_sound(*exchange);
     if (exchange->received == RESPONSE_SIZE) {
@@ -166,10 +147,9 @@ static bool receive_id_response(const Fd &connection, Exchange *exchange) {
 }
 
 // As above, but a full response area is refused before it is searched.
-static bool receive_server_response(const Fd &connection, Exchange *exchange) {
-  int64_t deadline = monotonic_ms() + RECEIVE_LIMIT;
+static bool receive_server_response(const Fd &balancer, Exchange *exchange) {
   for (;;) {
-    const Chunk chunk = receive_chunk(connection, exchange, &deadline);
+    const Chunk chunk = receive_chunk(balancer, exchange);
     if (chunk == Chunk::FAILED) return false;
     if (exchange->received >= RESPONSE_SIZE) {
       log_message(LOG_ERROR, "Response too large");
@@ -225,44 +205,46 @@ static bool fits_request(const Exchange &exchange, int length) {
   return false;
 }
 
+// A request that does not fit is fatal here and not below: this one holds nothing but the built-in
+// address, so that no other attempt could do better.
 static Attempt attempt_id_fetch(Exchange *exchange, Text *id) {
   const char *server = proxy_context.config.api_server;
   clear_response(exchange);
-  const Fd connection = open_socket();
-  if (!connection) return Attempt::FAILED;
+  const Fd balancer = open_socket();
+  if (!balancer) return Attempt::FAILED;
   sockaddr_in address;
-  if (!convert_address(&address)) {
+  if (!tcp_address(server, proxy_context.config.api_port, &address)) {
     log_message(LOG_ERROR, "Invalid address: %s", server);
     return Attempt::FAILED;
   }
-  if (!connect_to(connection, address)) return Attempt::FAILED;
+  if (!connect_to(balancer, address, exchange)) return Attempt::FAILED;
   if (!fits_request(*exchange, snprintf(exchange->request.get(), exchange->request_size, ID_REQUEST,
                                         server))) {
     return Attempt::FATAL;
   }
-  return attempt_result(send_request(connection, *exchange) &&
-                        receive_id_response(connection, exchange) && check_status(*exchange) &&
+  return attempt_result(send_request(balancer, exchange) &&
+                        receive_id_response(balancer, exchange) && check_status(*exchange) &&
                         read_id_answer(*exchange, id));
 }
 
 static Attempt attempt_resolution(const char *cloud_id, Exchange *exchange, CloudServerInfo *info) {
   const AgentConfig &config = proxy_context.config;
   clear_response(exchange);
-  const Fd connection = open_socket();
-  if (!connection) return Attempt::FAILED;
+  const Fd balancer = open_socket();
+  if (!balancer) return Attempt::FAILED;
   sockaddr_in address;
-  if (!convert_address(&address)) {
+  if (!tcp_address(config.api_server, config.api_port, &address)) {
     log_message(LOG_ERROR, "Invalid API server address: %s", config.api_server);
     return Attempt::FAILED;
   }
-  if (!connect_to(connection, address)) return Attempt::FAILED;
+  if (!connect_to(balancer, address, exchange)) return Attempt::FAILED;
   if (!fits_request(*exchange,
                     snprintf(exchange->request.get(), exchange->request_size, SERVER_REQUEST,
                              cloud_id, config.vendor, config.model, config.api_server))) {
     return Attempt::FAILED;
   }
-  return attempt_result(send_request(connection, *exchange) &&
-                        receive_server_response(connection, exchange) && check_status(*exchange) &&
+  return attempt_result(send_request(balancer, exchange) &&
+                        receive_server_response(balancer, exchange) && check_status(*exchange) &&
                         read_server_answer(*exchange, info));
 }
 
@@ -273,15 +255,15 @@ static bool pause_before_retry(int delay) {
 }
 
 bool fetch_cloud_id(Text *id) {
+  if (id) *id = nullptr;
   if (!id || !proxy_context.config.api_server) {
     log_message(LOG_ERROR, "Invalid parameters for cloud ID fetch");
     return false;
   }
-  *id = nullptr;
   Exchange exchange;
   if (!allocate_buffers(&exchange, REQUEST_ROOM) || !agent_running()) return false;
 
-  for (int delay = FIRST_DELAY;; delay = next_retry_delay(delay, DELAY_CAP)) {
+  for (int delay = FIRST_DELAY_S;; delay = next_retry_delay(delay, DELAY_CAP_S)) {
     const Attempt attempt = attempt_id_fetch(&exchange, id);
     if (attempt != Attempt::FAILED) return attempt == Attempt::SUCCEEDED;
     if (!agent_running()) return false;
@@ -292,17 +274,17 @@ bool fetch_cloud_id(Text *id) {
 
 bool resolve_cloud_server(const char *cloud_id, CloudServerInfo *info) {
   const AgentConfig &config = proxy_context.config;
+  if (info) *info = {};
   if (!cloud_id || !info || !config.api_server || !config.vendor || !config.model) {
     log_message(LOG_ERROR, "Invalid parameters for cloud server resolution");
     return false;
   }
-  *info = {};
   const size_t request_size = strlen(cloud_id) + strlen(config.vendor) + strlen(config.model) +
                               strlen(config.api_server) + REQUEST_ROOM;
   Exchange exchange;
   if (!allocate_buffers(&exchange, request_size) || !agent_running()) return false;
 
-  for (int delay = FIRST_DELAY;; delay = next_retry_delay(delay, DELAY_CAP)) {
+  for (int delay = FIRST_DELAY_S;; delay = next_retry_delay(delay, DELAY_CAP_S)) {
     if (attempt_resolution(cloud_id, &exchange, info) == Attempt::SUCCEEDED) return true;
     if (!agent_running()) return false;
     log_message(LOG_INFO, "Retrying cloud server resolution in %d seconds", delay);

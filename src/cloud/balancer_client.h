@@ -2,7 +2,8 @@
 // gets, and which cloud streaming server serves it. Main thread, during proxy start-up.
 //
 // Both keep trying, with pauses of 1, 2, 4, ... 60 seconds, until they succeed (true) or `running`
-// is cleared or a local error is fatal (false). Each attempt has a connection of its own.
+// is cleared or a local error is fatal (false). Each attempt has a connection of its own. Once
+// `running` is clear, an attempt goes on for 2 seconds at the most; one that succeeds still counts.
 #pragma once
 
 #include "cloud/balancer_reply.h"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "cloud/cloud_id.h"
 #include "core/log.h"
 #include "core/text.h"
 
@@ -12,8 +13,6 @@ static constexpr int MIN_STATUS = 100;
 static constexpr int MAX_STATUS = 599;
 
 static constexpr std::string_view MESSAGE_MARKER = "\"message\":\"";
-static constexpr size_t ID_MIN_LENGTH = 8;
-static constexpr size_t ID_MAX_LENGTH = 50;
 static constexpr size_t MAX_HOST_LENGTH = 255;
 static constexpr unsigned long MAX_PORT = 65535;
 
@@ -62,7 +61,7 @@ bool extract_message_id(const char *body, size_t length, Text *id) {
   if (!body || length == 0 || !id) return false;
   std::string_view value(body, length);
   if (!skip_to_value(&value) || !cut_at_quote(&value)) return false;
-  if (value.size() < ID_MIN_LENGTH || value.size() > ID_MAX_LENGTH) {
+  if (!is_cloud_id_length(value.size())) {
     log_message(LOG_ERROR, "Invalid ID length: %zu", value.size());
     return false;
   }

@@ -1,20 +1,24 @@
 #include "cloud/cloud_id_store.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string_view>
 
+#include "cloud/cloud_id.h"
 #include "core/context.h"
 #include "core/log.h"
 #include "core/text.h"
 
 static constexpr size_t LINE_MAX_LENGTH = 128;  // bytes of the first line that are looked at
-static constexpr size_t ID_MIN_LENGTH = 8;
-static constexpr size_t ID_MAX_LENGTH = 50;
+
+// A FIFO in the file's place must not hold the start up; a regular file never blocks.
+static constexpr int NEVER_WAIT = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
 static Text compose_path() {
   const char *directory = proxy_context.config.config_dir;
@@ -30,7 +34,7 @@ static Text compose_path() {
 
 // Opening a directory for reading succeeds and only reading it fails, so look before reading.
 static File open_for_reading(const char *path) {
-  File file(fopen(path, "re"));
+  File file = file_open(path, O_RDONLY | NEVER_WAIT, "r");
   struct stat status = {};
   if (file && fstat(fileno(file.get()), &status) == 0 && S_ISDIR(status.st_mode)) {
     file = nullptr;
@@ -40,18 +44,6 @@ static File open_for_reading(const char *path) {
     log_message(LOG_ERROR, "Failed to open %s: %s", path, strerror(errno));
   }
   return file;
-}
-
-static bool is_white_space(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
-
-static std::string_view trim(std::string_view text) {
-  while (!text.empty() && is_white_space(text.back()))
-    text.remove_suffix(1);
-  while (!text.empty() && is_white_space(text.front()))
-    text.remove_prefix(1);
-  return text;
 }
 
 // The first line, cut to LINE_MAX_LENGTH bytes; none for an empty file (not logged) or a failure.
@@ -67,11 +59,11 @@ static Text read_first_line(FILE *file, const char *path) {
 }
 
 bool read_cloud_id_file(Text *id) {
+  if (id) *id = nullptr;
   if (!id || !proxy_context.config.config_dir) {
     log_message(LOG_ERROR, "Invalid parameters for filesystem cloud ID lookup");
     return false;
   }
-  *id = nullptr;
   const Text path = compose_path();
   if (!path) return false;
   const File file = open_for_reading(path.get());
@@ -79,8 +71,8 @@ bool read_cloud_id_file(Text *id) {
   const Text line = read_first_line(file.get(), path.get());
   if (!line) return false;
 
-  const std::string_view stored = trim(line.get());
-  if (stored.size() < ID_MIN_LENGTH || stored.size() > ID_MAX_LENGTH) {
+  const std::string_view stored = text_trim(line.get());
+  if (!is_cloud_id_length(stored.size())) {
     log_message(LOG_ERROR, "Invalid cloud ID length in %s", path.get());
     return false;
   }
@@ -93,6 +85,21 @@ bool read_cloud_id_file(Text *id) {
   return true;
 }
 
+// Not every file system can sync everything (a FIFO, or a directory on some): that is no failure.
+static bool sync_to_disk(int descriptor) {
+  return fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS;
+}
+
+// The file's name is on the disk only when its directory is.
+static bool sync_directory() {
+  const char *directory = proxy_context.config.config_dir;
+  const bool is_root = directory[0] == '\0';  // "/" has lost its trailing slash
+  const Fd opened(open(is_root ? "/" : directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (opened) return sync_to_disk(opened.get());
+  sync();  // a directory that may be written to but not read: with everything else
+  return true;
+}
+
 bool save_cloud_id_file(const char *id) {
   if (!id || !proxy_context.config.config_dir) {
     log_message(LOG_ERROR, "Invalid parameters for filesystem cloud ID save");
@@ -100,7 +107,7 @@ bool save_cloud_id_file(const char *id) {
   }
   const Text path = compose_path();
   if (!path) return false;
-  const File file(fopen(path.get(), "we"));
+  const File file = file_open(path.get(), O_WRONLY | O_CREAT | O_TRUNC | NEVER_WAIT, "w");
   if (!file) {
     log_message(LOG_ERROR, "Failed to open %s for writing: %s", path.get(), strerror(errno));
     return false;
@@ -109,7 +116,8 @@ bool save_cloud_id_file(const char *id) {
     log_message(LOG_ERROR, "Failed to write cloud ID to %s: %s", path.get(), strerror(errno));
     return false;
   }
-  if (fflush(file.get()) != 0) {
+  // Down to the disk: after a power cut the device would otherwise ask for another identity.
+  if (fflush(file.get()) != 0 || !sync_to_disk(fileno(file.get())) || !sync_directory()) {
     log_message(LOG_ERROR, "Failed to flush cloud ID to %s: %s", path.get(), strerror(errno));
     return false;
   }

@@ -10,5 +10,6 @@ inline constexpr char CLOUD_ID_FILE[] = "cloud.id";
 // not logged), or when it cannot be read or holds no ID of 8 to 50 bytes (logged).
 [[nodiscard]] bool read_cloud_id_file(Text *id);
 
-// Writes the ID and a line feed. False (logged) when they cannot be written and flushed.
+// Writes the ID and a line feed, so that they survive a power cut right afterwards. False (logged)
+// when they cannot be written, flushed and synced.
 [[nodiscard]] bool save_cloud_id_file(const char *id);

@@ -1,4 +1,5 @@
-// The doubling back-off of the balancer client and of the stream threads.
+// The doubling back-off: of the balancer client and the stream threads in seconds, of a relay's
+// sends in milliseconds.
 #pragma once
 
 #include <algorithm>

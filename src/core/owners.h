@@ -17,14 +17,23 @@ struct FreeDeleter {
 // A heap text from the malloc family; empty means none.
 using Text = std::unique_ptr<char[], FreeDeleter>;
 
+// Closing preserves errno, here and below, so that a caller can still report why the operation
+// before it failed.
 struct FileCloser {
-  void operator()(FILE *file) const { fclose(file); }
+  void operator()(FILE *file) const {
+    const int saved_errno = errno;
+    fclose(file);
+    errno = saved_errno;
+  }
 };
 
 using File = std::unique_ptr<FILE, FileCloser>;
 
-// An open descriptor; -1 means none. Closing preserves errno, so that a caller can still report
-// why the operation on it failed.
+// fopen() with the flags of open(), which knows more of them; `mode` as for fdopen. None (errno
+// set) on failure. What it creates, anybody may use, less the process's mask.
+[[nodiscard]] File file_open(const char *path, int flags, const char *mode);
+
+// An open descriptor; -1 means none.
 class Fd {
  public:
   Fd() = default;

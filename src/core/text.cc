@@ -32,6 +32,14 @@ void text_copy_to(char *out, size_t size, std::string_view text) {
   out[length] = '\0';
 }
 
+std::string_view text_trim(std::string_view text) {
+  while (!text.empty() && is_white_space(text.back()))
+    text.remove_suffix(1);
+  while (!text.empty() && is_white_space(text.front()))
+    text.remove_prefix(1);
+  return text;
+}
+
 int text_to_int(const char *text) {
   return static_cast<int>(strtoll(text, nullptr, 10));
 }

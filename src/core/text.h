@@ -25,6 +25,14 @@ void text_copy_to(char *out, size_t size, std::string_view text);
 // it is defined for any number of digits: the low bits of what strtoll gives.
 [[nodiscard]] int text_to_int(const char *text);
 
+// White space of ASCII, whatever the locale.
+[[nodiscard]] inline bool is_white_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// The text without the white space at its ends.
+[[nodiscard]] std::string_view text_trim(std::string_view text);
+
 [[nodiscard]] inline bool is_decimal_digit(char c) {
   return c >= '0' && c <= '9';
 }

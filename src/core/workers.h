@@ -8,11 +8,11 @@
 
 #include <stddef.h>
 
+#include "core/config.h"
 #include "core/owners.h"
 
-// Bytes of stack of a worker, the guard page included: 128 of them at the usual 8 MiB would
-// reserve a gigabyte of a 32-bit address space. The deepest path uses less than a third.
-inline constexpr size_t WORKER_STACK_SIZE = size_t{128} * 1024;
+// A stream holds at most two sockets at a time: its cloud and its camera connection.
+inline constexpr size_t MAX_WORKER_SOCKETS = 2 * MAX_STREAMS;
 
 // Prepares the room, and the heap for many threads that rarely allocate. Main thread, once, before
 // any worker.
@@ -26,7 +26,7 @@ void workers_open();
 // Stands for a running worker, which tear-down waits for.
 class WorkerPresence {
  public:
-  WorkerPresence();
+  WorkerPresence() = default;
   WorkerPresence(const WorkerPresence &) = delete;
   WorkerPresence &operator=(const WorkerPresence &) = delete;
   ~WorkerPresence();
@@ -35,17 +35,13 @@ class WorkerPresence {
 // Worker: sleeps by the monotonic clock; returns early when tear-down begins.
 void worker_pause(int milliseconds);
 
-// Worker, about to wait for long: gives the memory back that earlier work has touched on the stack
-// below this call, and the pages of `buffer`, whose content is lost. With 64 streams that is most
-// of what the agent would hold while nobody watches.
-void worker_release_memory(char *buffer, size_t size);
-
 // A worker's socket: tear-down can wake whoever blocks on it, and never touches its number after
 // it has been closed. -1 means none.
 class WorkerSocket {
  public:
   WorkerSocket() = default;
-  explicit WorkerSocket(int number);
+  // Takes the socket; holds none (EMFILE) when the table of workers' sockets is full.
+  explicit WorkerSocket(Fd socket);
   WorkerSocket(WorkerSocket &&other) noexcept = default;
   WorkerSocket &operator=(WorkerSocket &&other) = delete;
   ~WorkerSocket();
@@ -55,9 +51,10 @@ class WorkerSocket {
 
  private:
   Fd fd_;
+  size_t slot_ = 0;  // in the table; of no meaning without a socket
 };
 
-// A new IPv4 TCP socket of a worker; none (errno set) on failure.
+// A new TCP socket of a worker, to be given to tcp_connect; none (errno set) on failure.
 [[nodiscard]] WorkerSocket worker_tcp_socket();
 
 // Main thread: clears `running`, wakes every worker and returns when all have left.

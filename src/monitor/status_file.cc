@@ -1,8 +1,10 @@
 #include "monitor/status_file.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <span>
@@ -15,13 +17,14 @@ static bool is_in_cloud(const StreamMonitorState &record) {
   return record.status == STREAM_REGISTERED || record.status == STREAM_STREAMING;
 }
 
-static void write_file(const char *path, char content) {
-  const File file(fopen(path, "we"));
-  if (!file) {
-    log_message(LOG_ERROR, "Failed to write to status file %s: %s", path, strerror(errno));
-    return;
-  }
-  fputc(content, file.get());
+// A FIFO in the file's place must not hold a stream up.
+static constexpr int OPEN_FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+
+// A full disk shows when the byte leaves the stream's buffer, which is when the file is closed.
+static bool write_file(const char *path, char content) {
+  File file = file_open(path, OPEN_FLAGS, "w");
+  if (!file || fputc(content, file.get()) == EOF) return false;
+  return fclose(file.release()) == 0;
 }
 
 bool monitor_write_status_file() {
@@ -36,7 +39,10 @@ bool monitor_write_status_file() {
   }
   const std::span records(monitor.streams, monitor.stream_count);
   const bool in_cloud = std::any_of(records.begin(), records.end(), is_in_cloud);
-  write_file(config.status_file_path, in_cloud ? '1' : '0');
+  if (!write_file(config.status_file_path, in_cloud ? '1' : '0')) {
+    log_message(LOG_ERROR, "Failed to write to status file %s: %s", config.status_file_path,
+                strerror(errno));
+  }
   if (!lock.release()) {
     log_message(LOG_ERROR, "Failed to release monitor lock after global status update");
     return false;
@@ -44,10 +50,22 @@ bool monitor_write_status_file() {
   return true;
 }
 
+// Removes what the agent makes, a regular file. A device or a directory that was given as the path
+// by mistake is somebody else's.
+static bool remove_regular_file(const char *path) {
+  struct stat status = {};
+  if (stat(path, &status) != 0) return false;
+  if (!S_ISREG(status.st_mode)) {
+    errno = EPERM;
+    return false;
+  }
+  return remove(path) == 0;
+}
+
 bool monitor_remove_status_file() {
   const AgentConfig &config = proxy_context.config;
   if (!config.status_file_enabled) return true;
-  if (remove(config.status_file_path) != 0) {
+  if (!remove_regular_file(config.status_file_path)) {
     log_message(LOG_INFO, "Failed to remove status file %s: %s", config.status_file_path,
                 strerror(errno));
     return false;

@@ -5,9 +5,9 @@
 #include "core/lock.h"
 #include "monitor/monitor.h"
 
-// Rewrites the file in place. A path that cannot be opened is logged and is no failure; false on
-// lock failures only.
+// Rewrites the file in place. A file that cannot be opened, written or closed is logged and is no
+// failure; false on lock failures only.
 bool monitor_write_status_file() EXCLUDES_LOCK(monitor.lock);
 
-// Deletes the file; false (logged) when that fails.
+// Deletes the file; false (logged) when that fails, or when it is not a regular file.
 bool monitor_remove_status_file();

@@ -7,18 +7,22 @@
 #include <sys/socket.h>
 
 #include "core/log.h"
-#include "core/tcp.h"
+#include "core/sockets.h"
 #include "monitor/monitor.h"
 #include "stream/rtsp_request.h"
-#include "stream/socket_options.h"
 
-static constexpr int CAMERA_TIMEOUT = 2;       // seconds, until the handshake is over
-static constexpr size_t MESSAGE_SIZE = 8192;   // bytes of a request or an answer
+static constexpr int CAMERA_TIMEOUT_S = 2;     // until the handshake is over
 static constexpr size_t REJECTION_SIZE = 128;  // bytes
 static constexpr int RTSP_OK = 200;
 
+// False when the host is not a dotted IPv4 address (EINVAL).
 static bool convert_address(const StreamContext *stream, sockaddr_in *address) {
   return tcp_address(stream->host, stream->port, address);
+}
+
+static bool connect_to(const WorkerSocket &camera, const sockaddr_in &address) {
+  StopGrace none(0);
+  return tcp_connect(camera.get(), address, CAMERA_TIMEOUT_S, &none);
 }
 
 // One receive call of at most size - 1 bytes, terminated: what arrives is taken as the answer.
@@ -38,15 +42,15 @@ bool stream_check(const StreamContext *stream) {
     log_message(LOG_ERROR, "Failed to create stream check socket: %s", strerror(errno));
     return false;
   }
-  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT, CAMERA_TIMEOUT, false)) return false;
+  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT_S, CAMERA_TIMEOUT_S, false)) return false;
   sockaddr_in address;
-  if (!convert_address(stream, &address) || !tcp_connect(camera.get(), address)) return false;
+  if (!convert_address(stream, &address) || !connect_to(camera, address)) return false;
 
-  char message[MESSAGE_SIZE];  // the request, then the answer
-  const int length = rtsp_compose_probe(stream, message, sizeof message);
+  char *message = stream->buffers->camera;  // the request, then the answer
+  const int length = rtsp_compose_probe(stream, message, TRANSFER_SIZE);
   if (length < 0) return false;
   if (!tcp_send_message(camera.get(), {message, static_cast<size_t>(length)})) return false;
-  const ssize_t received = receive_text(camera.get(), message, sizeof message);
+  const ssize_t received = receive_text(camera.get(), message, TRANSFER_SIZE);
   return received > 0 && contains(message, static_cast<size_t>(received), "RTSP/1.0 200 OK");
 }
 
@@ -56,7 +60,7 @@ WorkerSocket camera_connect(const StreamContext *stream) {
     stream_report_error(stream, errno, "Failed to create camera socket");
     return WorkerSocket();
   }
-  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT, CAMERA_TIMEOUT, true)) {
+  if (!socket_set_options(camera.get(), CAMERA_TIMEOUT_S, CAMERA_TIMEOUT_S, true)) {
     stream_report_error(stream, errno, "Failed to set camera socket options");
     return WorkerSocket();
   }
@@ -65,7 +69,7 @@ WorkerSocket camera_connect(const StreamContext *stream) {
     stream_report_error(stream, errno, "Invalid camera address");
     return WorkerSocket();
   }
-  if (!tcp_connect(camera.get(), address)) {
+  if (!connect_to(camera, address)) {
     stream_report_error(stream, errno, "Camera connection failed");
     return WorkerSocket();
   }
@@ -73,11 +77,9 @@ WorkerSocket camera_connect(const StreamContext *stream) {
   return camera;
 }
 
-// Not inlined, this one and the next: their buffers are to share the same part of the stack.
-[[gnu::noinline]] static bool forward_request(int camera_fd, const char *request,
-                                              const StreamContext *stream) {
-  char rewritten[MESSAGE_SIZE];
-  const int length = rtsp_rewrite_options(request, stream, rewritten, sizeof rewritten);
+static bool forward_request(int camera_fd, const char *request, const StreamContext *stream) {
+  char *rewritten = stream->buffers->camera;
+  const int length = rtsp_rewrite_options(request, stream, rewritten, TRANSFER_SIZE);
   if (length < 0) {
     stream_report_error(stream, EINVAL, "Failed to modify OPTIONS request");
     return false;
@@ -94,7 +96,7 @@ WorkerSocket camera_connect(const StreamContext *stream) {
 
 // The camera's answer, terminated, in `answer`: its length, or 0 after the failure was reported.
 static size_t receive_answer(int camera_fd, char *answer, const StreamContext *stream) {
-  const ssize_t received = receive_text(camera_fd, answer, MESSAGE_SIZE);
+  const ssize_t received = receive_text(camera_fd, answer, TRANSFER_SIZE);
   if (received == 0) {
     stream_report_error(stream, ECONNRESET, "Camera connection closed during handshake");
     return 0;
@@ -122,9 +124,8 @@ static bool check_answer(const char *answer, const StreamContext *stream) {
   return false;
 }
 
-[[gnu::noinline]] static bool forward_answer(int cloud_fd, int camera_fd,
-                                             const StreamContext *stream) {
-  char answer[MESSAGE_SIZE];
+static bool forward_answer(int cloud_fd, int camera_fd, const StreamContext *stream) {
+  char *answer = stream->buffers->camera;  // in the place of the request, which has been sent
   const size_t length = receive_answer(camera_fd, answer, stream);
   if (length == 0 || !check_answer(answer, stream)) return false;
   if (!tcp_send_message(cloud_fd, {answer, length})) {

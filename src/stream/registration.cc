@@ -4,22 +4,18 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
-#include <algorithm>
 #include <string_view>
 
 #include "core/context.h"
 #include "core/log.h"
-#include "core/tcp.h"
-#include "core/workers.h"
+#include "core/sockets.h"
 #include "monitor/monitor.h"
-#include "stream/socket_options.h"
 
-static constexpr int REGISTER_TIMEOUT = 2;     // seconds
-static constexpr int IDLE_TIMEOUT = 120;       // seconds the cloud may stay silent
-static constexpr size_t HEAD_SIZE = 16;        // bytes of a message received apart
+static constexpr int REGISTER_TIMEOUT_S = 2;
+static constexpr int IDLE_TIMEOUT_S = 120;     // the cloud may stay silent for so long
 static constexpr size_t REGISTER_SIZE = 1024;  // bytes; the message must be shorter
+static_assert(REGISTER_SIZE <= TRANSFER_SIZE, "it is composed in one of the stream's buffers");
 
 // Agent to cloud. The values are inserted as they are, without JSON escaping.
 static constexpr char REGISTER_MESSAGE[] =
@@ -33,12 +29,12 @@ static constexpr std::string_view OPTIONS_TRIGGER = "OPTIONS";
 
 bool cloud_send_register(int socket, const StreamContext *stream) {
   const AgentConfig &config = proxy_context.config;
-  char message[REGISTER_SIZE];
+  char *message = stream->buffers->camera;  // nothing is exchanged with the camera meanwhile
   const int length =
-      snprintf(message, sizeof message, REGISTER_MESSAGE, config.cloud_id, int{stream->stream_id},
+      snprintf(message, REGISTER_SIZE, REGISTER_MESSAGE, config.cloud_id, int{stream->stream_id},
                stream->user, stream->password, stream->uri, config.model, config.vendor);
   log_message(LOG_DEBUG, "%s", message);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof message) {
+  if (length < 0 || static_cast<size_t>(length) >= REGISTER_SIZE) {
     log_message(LOG_ERROR, "Registration message too long");
     return false;
   }
@@ -51,50 +47,32 @@ bool cloud_send_register(int socket, const StreamContext *stream) {
 }
 
 static bool register_stream(int socket, const StreamContext *stream) {
-  if (!socket_set_options(socket, REGISTER_TIMEOUT, REGISTER_TIMEOUT, false)) {
+  if (!socket_set_options(socket, REGISTER_TIMEOUT_S, REGISTER_TIMEOUT_S, false)) {
     log_message(LOG_ERROR, "Failed to set registration timeouts: %s", strerror(errno));
     return false;
   }
   if (!cloud_send_register(socket, stream)) return false;
   monitor_update_status(stream->stream_id, STREAM_REGISTERED);
-  if (!socket_set_options(socket, IDLE_TIMEOUT, IDLE_TIMEOUT, false)) {
+  if (!socket_set_options(socket, IDLE_TIMEOUT_S, IDLE_TIMEOUT_S, false)) {
     log_message(LOG_ERROR, "Failed to set streaming timeouts: %s", strerror(errno));
     return false;
   }
   return true;
 }
 
-// Where one message is received: its first bytes in `head`, the others in `buffer` at the place
-// where they belong. So a keepalive leaves the buffer, and the page it would cost, untouched.
-struct MessageRoom {
-  char head[HEAD_SIZE];
-  char *buffer;
-  size_t size;  // of the buffer, more than HEAD_SIZE
-};
-
-// The first bytes join the others, and the whole is terminated.
-static std::string_view complete_message(const MessageRoom &room, size_t length) {
-  memcpy(room.buffer, room.head, std::min(length, HEAD_SIZE));
-  room.buffer[length] = '\0';
-  return {room.buffer, length};
-}
-
-// One message of the cloud: its length, or -1 when there will be none.
-static ssize_t receive_message(int socket, MessageRoom *room) {
-  iovec parts[] = {
-      {.iov_base = room->head, .iov_len = HEAD_SIZE},
-      {.iov_base = room->buffer + HEAD_SIZE, .iov_len = room->size - 1 - HEAD_SIZE},
-  };
-  msghdr message = {};
-  message.msg_iov = parts;
-  message.msg_iovlen = std::size(parts);
-  const ssize_t received = recvmsg(socket, &message, 0);
-  if (received > 0) return received;
+// One message of the cloud, terminated: its length, or -1 when there will be none.
+static ssize_t receive_message(int socket, char *buffer, size_t size) {
+  const ssize_t received = recv(socket, buffer, size - 1, 0);
+  if (received > 0) {
+    buffer[received] = '\0';
+    return received;
+  }
   // Tear-down wakes this receive as if the cloud had closed.
   if (!agent_running()) return -1;
   if (received == 0) {
     log_message(LOG_ERROR, "Connection closed by peer during registration");
-  } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+  } else if (is_time_out(errno)) {
+    // The words are the protocol's: nothing is tried again on this connection.
     log_message(LOG_DEBUG, "Registration timeout, retrying...");
   } else {
     log_message(LOG_ERROR, "Registration receive error: %s", strerror(errno));
@@ -113,15 +91,14 @@ static bool answer_keepalive(int socket, const StreamContext *stream) {
 
 int cloud_wait_for_options(int socket, const StreamContext *stream, char *buffer, size_t size) {
   if (!register_stream(socket, stream)) return -1;
-  worker_release_memory(buffer, size);
-  MessageRoom room = {.head = {}, .buffer = buffer, .size = size};
   while (agent_running()) {
-    const ssize_t received = receive_message(socket, &room);
+    stream_forget_buffers(stream);
+    const ssize_t received = receive_message(socket, buffer, size);
     if (received < 0) return -1;
-    const auto length = static_cast<size_t>(received);
-    if (std::string_view(room.head, std::min(length, HEAD_SIZE)) == KEEPALIVE) {
+    const std::string_view message(buffer, static_cast<size_t>(received));
+    if (message == KEEPALIVE) {
       if (!answer_keepalive(socket, stream)) return -1;
-    } else if (complete_message(room, length).starts_with(OPTIONS_TRIGGER)) {
+    } else if (message.starts_with(OPTIONS_TRIGGER)) {
       log_message(LOG_INFO, "Received OPTIONS command for stream %d", int{stream->stream_id});
       return static_cast<int>(received);
     } else {

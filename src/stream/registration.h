@@ -11,7 +11,7 @@
 [[nodiscard]] bool cloud_send_register(int socket, const StreamContext *stream);
 
 // Registers, then answers keepalives until the cloud's OPTIONS request is in `buffer`, terminated.
-// Its length, or -1 (logged) when the connection is of no more use or the agent stops. `size` is
-// well above the few bytes of a keepalive; the buffer's earlier content is lost.
+// Its length, or -1 (logged) when the connection is of no more use or the agent stops. What the
+// stream's buffers held before is lost.
 [[nodiscard]] int cloud_wait_for_options(int socket, const StreamContext *stream, char *buffer,
                                          size_t size);

@@ -1,70 +1,89 @@
 #include "stream/relay.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
 
+#include "core/clock.h"
 #include "core/context.h"
 #include "core/log.h"
+#include "core/sockets.h"
 #include "core/workers.h"
 #include "monitor/monitor.h"
 #include "stream/camera.h"
 #include "stream/relay_health.h"
 #include "stream/relay_send.h"
-#include "stream/socket_options.h"
 
-static constexpr int STREAMING_TIMEOUT = 120;  // seconds
-static constexpr size_t TRANSFER_SIZE = 8192;  // bytes copied at a time
-static constexpr int SILENCE_PAUSE = 10;       // ms after a receive that timed out
-static constexpr int CLOSING_PAUSE = 200;      // ms between offline and closing the camera
-
-static bool is_time_out(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK;
-}
+static constexpr int STREAMING_TIMEOUT_S = 120;
+static constexpr int SILENCE_PAUSE_MS = 10;   // after a receive that timed out
+static constexpr int CLOSING_PAUSE_MS = 200;  // between offline and closing the camera
+static constexpr int SETTLE_LIMIT_MS = 1000;  // for what is still on its way to the cloud
+static constexpr int SETTLE_STEP_MS = 5;
+static constexpr int SETTLE_READS = 64;  // receives in a row; the cloud may never be done sending
 
 static bool is_relaying(const RelayContext *relay) {
   return *relay->active && agent_running();
 }
 
-// A read-side shutdown ends the other direction's receive, and its wait for room to send, without
-// showing the peers anything.
-static void wake_other_direction(const RelayContext *relay) {
-  shutdown(relay->cloud_fd, SHUT_RD);
-  shutdown(relay->camera_fd, SHUT_RD);
-}
+// --- The end -------------------------------------------------------------------------------------
 
-// How the log shows the end of a relay.
+// How the log shows the end of a relay, beside the monitor's own line.
 enum class EndLog {
-  NONE,        // the monitor's own line says it all
+  NONE,        // the monitor's line says it all
   PLAIN,       // the reason, at LOG_INFO
   WITH_ERROR,  // the reason and the system's error text, at LOG_ERROR
+  SCORE,       // ahead of the monitor's line, the health score
 };
 
-static void report_end(const StreamContext *stream, int code, const char *reason, EndLog log) {
-  stream_report_error(stream, code, reason);
-  if (log == EndLog::NONE || !agent_running()) return;
-  if (log == EndLog::PLAIN) {
-    log_message(LOG_INFO, "%s", reason);
-  } else {
-    log_message(LOG_ERROR, "%s: %s", reason, strerror(code));
+// Why a direction ends the relay. Without a reason it merely follows an end that came from
+// elsewhere.
+struct RelayEnd {
+  int code = 0;
+  const char *reason = nullptr;
+  EndLog log = EndLog::NONE;
+  int score = 0;
+};
+
+static constexpr RelayEnd FOLLOWS_THE_OTHER = {};
+
+// A direction at its end. Only the one that gets here first reports its reason, since the other
+// merely meets the consequences; and it holds the other one up until it has written all its lines,
+// cleared `active` and woken it. So no reason can come after the stream has been set offline.
+class RelayEnding {
+ public:
+  explicit RelayEnding(RelayContext *relay) : lock_(&relay->end_lock), relay_(relay) {}
+  RelayEnding(const RelayEnding &) = delete;
+  RelayEnding &operator=(const RelayEnding &) = delete;
+
+  void report(const RelayEnd &end) const {
+    // A stopping agent blames nobody: tear-down's wake-up looks like the peer's failure.
+    if (!end.reason || !is_relaying(relay_)) return;
+    if (end.log == EndLog::SCORE) {
+      log_message(LOG_INFO, "Connection health poor (%d/100), refreshing...", end.score);
+    }
+    stream_report_error(relay_->stream, end.code, end.reason);
+    if (end.log == EndLog::PLAIN) log_message(LOG_INFO, "%s", end.reason);
+    if (end.log == EndLog::WITH_ERROR) {
+      log_message(LOG_ERROR, "%s: %s", end.reason, strerror(end.code));
+    }
   }
-}
 
-// Ends the relay. Only the direction that comes first reports its reason (none reports nothing);
-// the other one merely meets the consequences.
-static void relay_end(RelayContext *relay, int code, const char *reason, EndLog log) {
-  const ScopedLock lock(&relay->end_lock);
-  if (!*relay->active) return;
-  *relay->active = false;
-  if (reason) report_end(relay->stream, code, reason, log);
-  wake_other_direction(relay);
-}
+  // A read-side shutdown ends the other direction's receive, and its wait for room to send, without
+  // showing the peers anything.
+  ~RelayEnding() {
+    *relay_->active = false;
+    shutdown(relay_->cloud_fd, SHUT_RD);
+    shutdown(relay_->camera_fd, SHUT_RD);
+  }
 
-static void relay_end_quietly(RelayContext *relay) {
-  relay_end(relay, 0, nullptr, EndLog::NONE);
-}
+ private:
+  const ScopedLock lock_;
+  RelayContext *relay_;
+};
 
 // --- Camera to cloud, on the stream thread -------------------------------------------------------
 
@@ -82,117 +101,152 @@ static void report_stats(const RelayContext *relay, RelayStats *stats) {
   *stats = {.sent = 0, .received = 0, .reported = now};
 }
 
-static bool is_healthy(RelayContext *relay, RelayHealth *health) {
-  if (health_check(health, time(nullptr))) return true;
-  log_message(LOG_INFO, "Connection health poor (%d/100), refreshing...", health->score);
-  relay_end(relay, 0, "Refreshing unhealthy connection", EndLog::NONE);
-  return false;
-}
-
-// False when the relay has ended.
-static bool forward_to_cloud(RelayContext *relay, const RelayOutput &cloud, const char *data,
-                             size_t length) {
-  switch (relay_send(cloud, data, length)) {
-    case SendResult::SENT:
-      return true;
-    case SendResult::STOPPED:
-      return false;
-    case SendResult::CLOSED:
-      relay_end(relay, errno, "Cloud connection closed (write failed)", EndLog::NONE);
-      return false;
-    case SendResult::FAILED:
-      relay_end(relay, errno, "Cloud send error", EndLog::WITH_ERROR);
-      return false;
-  }
-  return false;
-}
-
-// A receive from the camera that brought nothing: false when the relay has ended.
-static bool go_on_without_data(RelayContext *relay, ssize_t received, int error) {
+// True when a receive from the camera that brought nothing ends the relay.
+static bool ends_without_data(ssize_t received, int error, RelayEnd *end) {
   if (received == 0) {
-    relay_end(relay, ECONNRESET, "Camera connection closed", EndLog::PLAIN);
-    return false;
-  }
-  if (is_time_out(error)) {
-    worker_pause(SILENCE_PAUSE);
+    *end = {.code = ECONNRESET, .reason = "Camera connection closed", .log = EndLog::PLAIN};
     return true;
   }
-  if (error == EINTR) return true;
-  relay_end(relay, error, "Camera read error", EndLog::WITH_ERROR);
-  return false;
+  if (is_time_out(error)) {
+    worker_pause(SILENCE_PAUSE_MS);
+    return false;
+  }
+  if (error == EINTR) return false;
+  *end = {.code = error, .reason = "Camera read error", .log = EndLog::WITH_ERROR};
+  return true;
 }
 
-// `started` is the wall-clock second at which stream_proxy began. Not inlined, here and below: the
-// buffers of the phases of a cycle are to share the same part of the thread's stack.
-[[gnu::noinline]] static void relay_camera_to_cloud(RelayContext *relay, time_t started) {
+// True when the chunk could not be sent, which ends the relay.
+static bool ends_at_cloud(const SendOutcome &outcome, RelayEnd *end) {
+  switch (outcome.result) {
+    case SendResult::SENT:
+      return false;
+    case SendResult::STOPPED:
+      *end = FOLLOWS_THE_OTHER;
+      break;
+    case SendResult::CLOSED:
+      *end = {.code = outcome.error, .reason = "Cloud connection closed (write failed)"};
+      break;
+    case SendResult::FAILED:
+      *end = {.code = outcome.error, .reason = "Cloud send error", .log = EndLog::WITH_ERROR};
+      break;
+  }
+  return true;
+}
+
+// The next chunk of the camera, with what recv() returns. When the last one filled the buffer, more
+// was on its way and part of that chunk may be held back: should no more have come after all, it is
+// pushed before the camera is waited for.
+static ssize_t receive_from_camera(const RelayContext *relay, char *buffer, Follows *follows) {
+  if (*follows == Follows::MORE) {
+    const ssize_t received = recv(relay->camera_fd, buffer, TRANSFER_SIZE, MSG_DONTWAIT);
+    if (received >= 0 || !is_time_out(errno)) return received;
+    socket_set_no_delay(relay->cloud_fd);
+    *follows = Follows::NOTHING;
+  }
+  return recv(relay->camera_fd, buffer, TRANSFER_SIZE, 0);
+}
+
+// Copies until the relay ends; the reason, if it is this direction's. `started` is the wall-clock
+// second at which stream_proxy began.
+static RelayEnd copy_camera_to_cloud(const RelayContext *relay, time_t started) {
   RelayHealth health = {.checked = started};
   RelayStats stats = {.reported = started};
-  const RelayOutput cloud = {.fd = relay->cloud_fd,
+  const RelayOutput cloud = {.socket = relay->cloud_fd,
                              .peer = RelayPeer::CLOUD,
                              .active = relay->active,
                              .health = &health,
                              .sent = &stats.sent};
-  char buffer[TRANSFER_SIZE];
-  while (is_relaying(relay) && is_healthy(relay, &health)) {
-    const ssize_t received = recv(relay->camera_fd, buffer, sizeof buffer, 0);
+  char *buffer = relay->stream->buffers->camera;
+  Follows follows = Follows::NOTHING;
+  RelayEnd end = FOLLOWS_THE_OTHER;
+  while (is_relaying(relay)) {
+    if (!health_check(&health, time(nullptr))) {
+      return {
+          .reason = "Refreshing unhealthy connection", .log = EndLog::SCORE, .score = health.score};
+    }
+    const ssize_t received = receive_from_camera(relay, buffer, &follows);
     if (received <= 0) {
-      if (!go_on_without_data(relay, received, errno)) return;
+      if (ends_without_data(received, errno, &end)) return end;
       continue;
     }
     health_data_received(&health);
-    stats.received += static_cast<uint64_t>(received);
+    const auto length = static_cast<size_t>(received);
+    stats.received += length;
     report_stats(relay, &stats);
-    if (!forward_to_cloud(relay, cloud, buffer, static_cast<size_t>(received))) return;
+    follows = length == TRANSFER_SIZE ? Follows::MORE : Follows::NOTHING;
+    if (ends_at_cloud(relay_send(cloud, buffer, length, follows), &end)) return end;
   }
+  return end;
+}
+
+static void relay_camera_to_cloud(RelayContext *relay, time_t started) {
+  const RelayEnd end = copy_camera_to_cloud(relay, started);
+  socket_set_no_delay(relay->cloud_fd);  // pushes what the last chunk may have left behind
+  const RelayEnding ending(relay);
+  ending.report(end);
+  monitor_update_status(relay->stream->stream_id, STREAM_OFFLINE);
+  log_message(LOG_DEBUG, "Camera to cloud thread stopping");
 }
 
 // --- Cloud to camera, on a thread of its own -----------------------------------------------------
 
-// False when the relay has ended.
-static bool forward_to_camera(RelayContext *relay, const RelayOutput &camera, const char *data,
-                              size_t length) {
-  switch (relay_send(camera, data, length)) {
-    case SendResult::SENT:
-      return true;
-    case SendResult::STOPPED:
-      return false;
-    case SendResult::CLOSED:
-      relay_end(relay, errno, "Camera connection closed", EndLog::PLAIN);
-      return false;
-    case SendResult::FAILED:
-      relay_end(relay, errno, "Camera send error", EndLog::WITH_ERROR);
-      return false;
-  }
-  return false;
-}
-
-// A receive from the cloud that brought nothing: false when the relay has ended.
-static bool wait_on_for_cloud(RelayContext *relay, ssize_t received, int error) {
+// True when a receive from the cloud that brought nothing ends the relay.
+static bool ends_without_word(ssize_t received, int error, RelayEnd *end) {
   if (received == 0) {
-    relay_end(relay, ECONNRESET, "Cloud connection closed (read failed)", EndLog::NONE);
-    return false;
+    *end = {.code = ECONNRESET, .reason = "Cloud connection closed (read failed)"};
+    return true;
   }
-  if (error == EINTR || is_time_out(error)) return true;
-  relay_end(relay, error, "Cloud read error", EndLog::WITH_ERROR);
-  return false;
+  // The cloud may be silent for as long as it likes.
+  if (error == EINTR || is_time_out(error)) return false;
+  *end = {.code = error, .reason = "Cloud read error", .log = EndLog::WITH_ERROR};
+  return true;
 }
 
-void relay_cloud_to_camera(RelayContext *relay) {
-  const RelayOutput camera = {.fd = relay->camera_fd,
+// True when the chunk could not be sent, which ends the relay.
+static bool ends_at_camera(const SendOutcome &outcome, RelayEnd *end) {
+  switch (outcome.result) {
+    case SendResult::SENT:
+      return false;
+    case SendResult::STOPPED:
+      *end = FOLLOWS_THE_OTHER;
+      break;
+    case SendResult::CLOSED:
+      *end = {.code = outcome.error, .reason = "Camera connection closed", .log = EndLog::PLAIN};
+      break;
+    case SendResult::FAILED:
+      *end = {.code = outcome.error, .reason = "Camera send error", .log = EndLog::WITH_ERROR};
+      break;
+  }
+  return true;
+}
+
+static RelayEnd copy_cloud_to_camera(const RelayContext *relay) {
+  const RelayOutput camera = {.socket = relay->camera_fd,
                               .peer = RelayPeer::CAMERA,
                               .active = relay->active,
                               .health = nullptr,
                               .sent = nullptr};
-  char buffer[TRANSFER_SIZE];
+  // The OPTIONS request that lay here has been sent by now.
+  char *buffer = relay->stream->buffers->cloud;
+  RelayEnd end = FOLLOWS_THE_OTHER;
   while (is_relaying(relay)) {
-    const ssize_t received = recv(relay->cloud_fd, buffer, sizeof buffer, 0);
-    const bool goes_on =
-        received > 0 ? forward_to_camera(relay, camera, buffer, static_cast<size_t>(received))
-                     : wait_on_for_cloud(relay, received, errno);
-    if (!goes_on) break;
+    const ssize_t received = recv(relay->cloud_fd, buffer, TRANSFER_SIZE, 0);
+    if (received <= 0) {
+      if (ends_without_word(received, errno, &end)) return end;
+      continue;
+    }
+    const auto length = static_cast<size_t>(received);
+    if (ends_at_camera(relay_send(camera, buffer, length, Follows::NOTHING), &end)) return end;
   }
+  return end;
+}
+
+void relay_cloud_to_camera(RelayContext *relay) {
+  const RelayEnd end = copy_cloud_to_camera(relay);
+  const RelayEnding ending(relay);
+  ending.report(end);
   log_message(LOG_DEBUG, "Cloud to camera thread stopped");
-  relay_end_quietly(relay);
 }
 
 // Created by stream_proxy for one relay, ends with it; tear-down and stream_proxy wait for it.
@@ -207,8 +261,8 @@ static void *cloud_to_camera_thread(void *argument) {
 // --- One relay -----------------------------------------------------------------------------------
 
 static bool set_streaming_options(int cloud_fd, int camera_fd) {
-  if (!socket_set_options(camera_fd, STREAMING_TIMEOUT, STREAMING_TIMEOUT, true) ||
-      !socket_set_options(cloud_fd, STREAMING_TIMEOUT, STREAMING_TIMEOUT, true)) {
+  if (!socket_set_options(camera_fd, STREAMING_TIMEOUT_S, STREAMING_TIMEOUT_S, true) ||
+      !socket_set_options(cloud_fd, STREAMING_TIMEOUT_S, STREAMING_TIMEOUT_S, true)) {
     return false;
   }
   socket_set_no_delay(camera_fd);
@@ -224,11 +278,7 @@ static bool run_relay(RelayContext *relay, time_t started) {
     return false;
   }
   relay_camera_to_cloud(relay, started);
-
-  relay_end_quietly(relay);
-  monitor_update_status(relay->stream->stream_id, STREAM_OFFLINE);
-  log_message(LOG_DEBUG, "Camera to cloud thread stopping");
-  worker_pause(CLOSING_PAUSE);
+  worker_pause(CLOSING_PAUSE_MS);
   // Neither socket may be closed, and its number reused, while the other thread may touch it.
   while (sem_wait(&relay->left) != 0) {
   }
@@ -252,6 +302,7 @@ static bool relay_streams(int cloud_fd, int camera_fd, const StreamContext *stre
 }
 
 bool stream_proxy(int cloud_fd, const StreamContext *stream, const char *request) {
+  // The health check's first half minute counts from here, the camera's connection included.
   const time_t started = time(nullptr);
   signal(SIGPIPE, SIG_IGN);
   const WorkerSocket camera = camera_connect(stream);
@@ -266,4 +317,31 @@ bool stream_proxy(int cloud_fd, const StreamContext *stream, const char *request
     return false;
   }
   return relay_streams(cloud_fd, camera.get(), stream, started);
+}
+
+// --- What is still on its way --------------------------------------------------------------------
+
+// Whether the cloud has yet to confirm something, and still can: the queue of a connection that was
+// reset keeps its length for ever.
+static bool is_unacknowledged(int cloud_fd) {
+  pollfd connection = {.fd = cloud_fd, .events = 0, .revents = 0};
+  int bytes = 0;
+  return poll(&connection, 1, 0) == 0 && ioctl(cloud_fd, TIOCOUTQ, &bytes) == 0 && bytes > 0;
+}
+
+// A word of the cloud that is left unread turns the close into a reset, which throws away what the
+// cloud has not received yet: an archive's last frames.
+static void read_away(int cloud_fd, char *scratch) {
+  for (int i = 0; i < SETTLE_READS; i++) {
+    if (recv(cloud_fd, scratch, TRANSFER_SIZE, MSG_DONTWAIT) <= 0) return;
+  }
+}
+
+void relay_settle(int cloud_fd, const StreamContext *stream) {
+  const int64_t end = monotonic_ms() + SETTLE_LIMIT_MS;
+  while (is_unacknowledged(cloud_fd) && monotonic_ms() < end && agent_running()) {
+    read_away(cloud_fd, stream->buffers->cloud);
+    worker_pause(SETTLE_STEP_MS);
+  }
+  read_away(cloud_fd, stream->buffers->cloud);
 }

@@ -14,10 +14,10 @@
 struct RelayContext {
   int cloud_fd;        // closed by the stream thread after the relay
   int camera_fd;       // closed at the end of stream_proxy
-  AtomicFlag *active;  // 1 while the relay runs; cleared by whichever direction ends
+  AtomicFlag *active;  // set while the relay runs; cleared by whichever direction ends
   const StreamContext *stream;
-  // Held from clearing `active` until the reason has been reported, so that no report can come
-  // after the end has set the stream offline. Taken before the monitor's lock.
+  // Held by the direction that ends the relay, from before it reports why until it has cleared
+  // `active` and woken the other. Taken before the monitor's lock.
   Mutex end_lock;
   sem_t left;  // posted by the cloud-to-camera thread as its last use of this
 };
@@ -29,3 +29,7 @@ struct RelayContext {
 
 // The cloud-to-camera direction, until the relay ends. Its own thread.
 void relay_cloud_to_camera(RelayContext *relay);
+
+// After a relay, before the cloud connection is closed: lets what was relayed reach the cloud.
+// Returns at once when all of it has, after a second at the most. Stream thread.
+void relay_settle(int cloud_fd, const StreamContext *stream);

@@ -5,18 +5,18 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-
+#include "core/backoff.h"
 #include "core/clock.h"
 #include "core/context.h"
 #include "core/log.h"
+#include "core/sockets.h"
 #include "core/workers.h"
 
-static constexpr int FIRST_DELAY = 10;        // ms
-static constexpr int DELAY_CAP = 100;         // ms
-static constexpr int MAX_RETRIES = 5;         // for one chunk
-static constexpr int SEND_TIMEOUT = 120'000;  // ms without room for a byte
-static constexpr int HANG_UP_STEP = 100;      // ms between looks at a peer that has hung up
+static constexpr int FIRST_DELAY_MS = 10;
+static constexpr int DELAY_CAP_MS = 100;
+static constexpr int MAX_RETRIES = 5;            // for one chunk
+static constexpr int SEND_TIMEOUT_MS = 120'000;  // without room for a byte
+static constexpr int HANG_UP_STEP_MS = 100;      // between looks at a peer that has hung up
 
 static bool goes_on(const RelayOutput &output) {
   return *output.active && agent_running();
@@ -25,31 +25,33 @@ static bool goes_on(const RelayOutput &output) {
 // Waits until the socket takes bytes, the time-out strikes, or the relay ends. The end of a relay
 // shuts the read side of both sockets, which a blocked send() would not notice, but poll() does.
 static void wait_for_room(const RelayOutput &output) {
-  const int64_t end = monotonic_ms() + SEND_TIMEOUT;
-  for (int64_t left = SEND_TIMEOUT; left > 0 && goes_on(output); left = end - monotonic_ms()) {
-    pollfd wait = {.fd = output.fd, .events = POLLOUT | POLLRDHUP, .revents = 0};
-    poll(&wait, 1, static_cast<int>(left));
+  const int64_t end = monotonic_ms() + SEND_TIMEOUT_MS;
+  for (int64_t left = SEND_TIMEOUT_MS; left > 0 && goes_on(output); left = end - monotonic_ms()) {
+    pollfd wait = {.fd = output.socket, .events = POLLOUT | POLLRDHUP, .revents = 0};
+    // What the wait cannot tell, the next send will: without this, a poll that fails would be asked
+    // again and again until the time-out.
+    if (poll(&wait, 1, static_cast<int>(left)) < 0 && errno != EINTR) return;
     if (wait.revents & ~POLLRDHUP) return;
     // The peer's own hang-up looks the same; the other direction will find it, perhaps not yet.
-    if (wait.revents != 0 && goes_on(output)) worker_pause(HANG_UP_STEP);
+    if (wait.revents != 0 && goes_on(output)) worker_pause(HANG_UP_STEP_MS);
   }
 }
 
 // Sends what the socket takes, waiting for room once: as a blocking send with a time-out does.
-static ssize_t send_some(const RelayOutput &output, const char *data, size_t length) {
-  ssize_t sent = send(output.fd, data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return sent;
+static ssize_t send_some(const RelayOutput &output, const char *data, size_t length, int flags) {
+  const ssize_t sent = send(output.socket, data, length, flags);
+  if (sent >= 0 || !is_time_out(errno)) return sent;
   wait_for_room(output);
   if (!goes_on(output)) {
     errno = EAGAIN;
     return -1;
   }
-  return send(output.fd, data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+  return send(output.socket, data, length, flags);
 }
 
 static void pause_and_double(int *delay) {
   worker_pause(*delay);
-  *delay = std::min(*delay * 2, DELAY_CAP);
+  *delay = next_retry_delay(*delay, DELAY_CAP_MS);
 }
 
 static void log_retry(RelayPeer peer, int retry, int error) {
@@ -60,30 +62,33 @@ static void log_retry(RelayPeer peer, int retry, int error) {
   }
 }
 
-SendResult relay_send(const RelayOutput &output, const char *data, size_t length) {
-  int delay = FIRST_DELAY;
+SendOutcome relay_send(const RelayOutput &output, const char *data, size_t length,
+                       Follows follows) {
+  const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (follows == Follows::MORE ? MSG_MORE : 0);
+  int delay = FIRST_DELAY_MS;
   int retries = 0;
   while (length > 0) {
-    if (!goes_on(output)) return SendResult::STOPPED;
-    const ssize_t sent = send_some(output, data, length);
+    if (!goes_on(output)) return {.result = SendResult::STOPPED, .error = 0};
+    const ssize_t sent = send_some(output, data, length, flags);
     const int error = errno;
     if (sent >= 0) {
       const auto moved = static_cast<size_t>(sent);
       data += moved;
       length -= moved;
-      delay = FIRST_DELAY;
+      delay = FIRST_DELAY_MS;
       if (output.sent) *output.sent += moved;
-    } else if (error == EAGAIN || error == EWOULDBLOCK) {
+    } else if (is_time_out(error)) {
       if (output.health) health_send_timed_out(output.health);
       pause_and_double(&delay);
     } else if (error == EPIPE || error == ECONNRESET) {
-      return SendResult::CLOSED;
+      return {.result = SendResult::CLOSED, .error = error};
     } else if (error != EINTR) {
-      if (++retries > MAX_RETRIES) return SendResult::FAILED;
+      // The count is the chunk's, also when bytes have moved meanwhile.
+      if (++retries > MAX_RETRIES) return {.result = SendResult::FAILED, .error = error};
       if (output.health) health_send_failed(output.health);
       log_retry(output.peer, retries, error);
       pause_and_double(&delay);
     }
   }
-  return SendResult::SENT;
+  return {.result = SendResult::SENT, .error = 0};
 }

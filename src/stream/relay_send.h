@@ -17,15 +17,26 @@ enum class SendResult {
   FAILED,   // more passing errors than one chunk may have
 };
 
+// How a chunk fared; `error` is the reason of CLOSED and FAILED, else 0.
+struct SendOutcome {
+  SendResult result;
+  int error;
+};
+
 // One direction's way out.
 struct RelayOutput {
-  int fd;  // the connection to the peer
+  int socket;  // the connection to the peer
   RelayPeer peer;
   const AtomicFlag *active;  // the relay's flag
   RelayHealth *health;       // none towards the camera
   uint64_t *sent;            // bytes moved are added; none towards the camera
 };
 
-// Returns at once when the relay ends, provided that whoever ends it shuts the read side of `fd`.
-// On CLOSED and FAILED the reason is in errno.
-[[nodiscard]] SendResult relay_send(const RelayOutput &output, const char *data, size_t length);
+// Whether more is about to follow: the system may then hold the rest of a chunk back, to join it
+// with what comes. Whoever says so sends more at once, or pushes it with socket_set_no_delay.
+enum class Follows { NOTHING, MORE };
+
+// Returns at once when the relay ends, provided that whoever ends it shuts the read side of the
+// socket.
+[[nodiscard]] SendOutcome relay_send(const RelayOutput &output, const char *data, size_t length,
+                                     Follows follows);

@@ -1,6 +1,5 @@
 #include "stream/rtsp_request.h"
 
-#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -65,7 +64,7 @@ bool rtsp_parse_status(const char *answer, int *code) {
   if (!std::string_view(answer).starts_with(VERSION)) return false;
   // As the pattern "RTSP/1.0 %d" reads it: any white space, also none, then a decimal number.
   const char *number = answer + VERSION.size();
-  while (isspace(static_cast<unsigned char>(*number)))
+  while (is_white_space(*number))
     number++;
   const char *digits = *number == '+' || *number == '-' ? number + 1 : number;
   if (!is_decimal_digit(*digits)) return false;

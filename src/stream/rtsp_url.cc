@@ -2,10 +2,10 @@
 
 #include <string_view>
 
+#include "core/stream_urls.h"
 #include "core/text.h"
 
 static constexpr std::string_view SCHEME = "rtsp://";
-static constexpr uint16_t DEFAULT_RTSP_PORT = 554;
 
 static constexpr size_t NONE = std::string_view::npos;
 
@@ -18,14 +18,19 @@ struct UrlParts {
   uint16_t port;
 };
 
-// Cuts `text` at the first `separator`: the part before it stays, the part after it is returned.
-static std::string_view cut_at(std::string_view *text, char separator) {
-  const size_t at = text->find(separator);
-  if (at == NONE) return {};
-  std::string_view after = *text;
-  after.remove_prefix(at + 1);
-  text->remove_suffix(text->size() - at);
-  return after;
+// What stands before and after the first separator. Without one all of the text stands before it.
+struct Halves {
+  std::string_view before;
+  std::string_view after;
+  bool found;
+};
+
+static Halves cut_at(std::string_view text, char separator) {
+  const size_t at = text.find(separator);
+  if (at == NONE) return {.before = text, .after = {}, .found = false};
+  return {.before = {text.data(), at},
+          .after = {text.data() + at + 1, text.size() - at - 1},
+          .found = true};
 }
 
 static uint16_t leading_number(std::string_view text) {
@@ -37,28 +42,23 @@ static uint16_t leading_number(std::string_view text) {
   return static_cast<uint16_t>(number);
 }
 
-// The first at-sign ends the credentials, wherever it stands; their first colon splits them.
-static void take_credentials(std::string_view *rest, UrlParts *parts) {
-  if (rest->find('@') == NONE) return;
-  parts->user = *rest;
-  *rest = cut_at(&parts->user, '@');
-  parts->password = cut_at(&parts->user, ':');
-}
-
-static UrlParts split_url(std::string_view rest) {
+// Takes apart what follows the scheme.
+static UrlParts split_url(std::string_view url) {
   UrlParts parts = {};
-  take_credentials(&rest, &parts);
-  parts.host = rest;
-  parts.path = "/";
-  const size_t slash = rest.find('/');
-  if (slash != NONE) {
-    parts.host.remove_suffix(rest.size() - slash);
-    rest.remove_prefix(slash);
-    parts.path = rest;
+  // The first at-sign ends the credentials, wherever it stands; their first colon splits them.
+  const Halves at_sign = cut_at(url, '@');
+  if (at_sign.found) {
+    const Halves credentials = cut_at(at_sign.before, ':');
+    parts.user = credentials.before;
+    parts.password = credentials.after;
+    url = at_sign.after;
   }
-  const bool names_port = parts.host.find(':') != NONE;
-  const std::string_view port = cut_at(&parts.host, ':');
-  parts.port = names_port ? leading_number(port) : DEFAULT_RTSP_PORT;
+  const Halves slash = cut_at(url, '/');
+  parts.path = "/";
+  if (slash.found) parts.path = {slash.after.data() - 1, slash.after.size() + 1};  // with the "/"
+  const Halves colon = cut_at(slash.before, ':');
+  parts.host = colon.before;
+  parts.port = colon.found ? leading_number(colon.after) : RTSP_PORT;
   return parts;
 }
 

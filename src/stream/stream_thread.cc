@@ -3,41 +3,34 @@
 #include <errno.h>
 #include <string.h>
 
-#include "cloud/backoff.h"
-#include "core/config.h"
+#include "core/backoff.h"
 #include "core/context.h"
 #include "core/log.h"
-#include "core/tcp.h"
+#include "core/sockets.h"
 #include "core/workers.h"
 #include "monitor/monitor.h"
 #include "stream/camera.h"
 #include "stream/registration.h"
 #include "stream/relay.h"
 #include "stream/rtsp_url.h"
-#include "stream/socket_options.h"
 
-static constexpr int FIRST_DELAY = 1;          // seconds
-static constexpr int PROBE_DELAY_CAP = 10;     // seconds
-static constexpr int CLOUD_DELAY_CAP = 60;     // seconds
-static constexpr int CONNECT_TIMEOUT = 10;     // seconds
-static constexpr int CONNECTED_TIMEOUT = 120;  // seconds
-static constexpr size_t MESSAGE_SIZE = 8192;   // bytes of one message of the cloud
+static constexpr int FIRST_DELAY_S = 1;
+static constexpr int PROBE_DELAY_CAP_S = 10;
+static constexpr int CLOUD_DELAY_CAP_S = 60;
+static constexpr int CONNECT_TIMEOUT_S = 10;
+static constexpr int CONNECTED_TIMEOUT_S = 120;
 
-// Where each stream's cloud messages are received: not on the stack, where the buffer would stand
-// between the pages that a waiting thread needs. A page of it is used only while there is a
-// message.
-alignas(4096) static char message_buffers[MAX_STREAMS][MESSAGE_SIZE];
-
-static void pause_seconds(int seconds) {
-  worker_pause(seconds * 1000);
+static void back_off(const StreamContext *stream, int *retry_delay, int cap) {
+  stream_forget_buffers(stream);
+  worker_pause(*retry_delay * 1000);
+  *retry_delay = next_retry_delay(*retry_delay, cap);
 }
 
 // Probes until the camera answers; false when the agent stops instead.
 static bool probe_camera(const StreamContext *stream, int *retry_delay) {
   while (!stream_check(stream)) {
     monitor_update_status(stream->stream_id, STREAM_OFFLINE);
-    pause_seconds(*retry_delay);
-    *retry_delay = next_retry_delay(*retry_delay, PROBE_DELAY_CAP);
+    back_off(stream, retry_delay, PROBE_DELAY_CAP_S);
     if (!agent_running()) return false;
   }
   return true;
@@ -46,7 +39,7 @@ static bool probe_camera(const StreamContext *stream, int *retry_delay) {
 // A connected socket, or none after the failure has been reported.
 static WorkerSocket connect_to_cloud(const StreamContext *stream) {
   WorkerSocket cloud = worker_tcp_socket();
-  if (!cloud || !socket_set_options(cloud.get(), CONNECT_TIMEOUT, CONNECT_TIMEOUT, false)) {
+  if (!cloud || !socket_set_options(cloud.get(), CONNECT_TIMEOUT_S, CONNECT_TIMEOUT_S, false)) {
     const int error = errno;
     stream_report_error(stream, error, strerror(error));
     return WorkerSocket();
@@ -56,8 +49,9 @@ static WorkerSocket connect_to_cloud(const StreamContext *stream) {
     stream_report_error(stream, EINVAL, "Invalid cloud server address");
     return WorkerSocket();
   }
-  if (!tcp_connect(cloud.get(), address) ||
-      !socket_set_options(cloud.get(), CONNECTED_TIMEOUT, CONNECTED_TIMEOUT, false)) {
+  StopGrace none(0);
+  if (!tcp_connect(cloud.get(), address, CONNECT_TIMEOUT_S, &none) ||
+      !socket_set_options(cloud.get(), CONNECTED_TIMEOUT_S, CONNECTED_TIMEOUT_S, false)) {
     const int error = errno;
     stream_report_error(stream, error, strerror(error));
     return WorkerSocket();
@@ -69,29 +63,32 @@ static WorkerSocket connect_to_cloud(const StreamContext *stream) {
 static bool serve_cloud(const StreamContext *stream) {
   const WorkerSocket cloud = connect_to_cloud(stream);
   if (!cloud) return false;
-  char *request = message_buffers[stream->stream_id - 1];
-  if (cloud_wait_for_options(cloud.get(), stream, request, MESSAGE_SIZE) <= 0) {
+  char *request = stream->buffers->cloud;
+  if (cloud_wait_for_options(cloud.get(), stream, request, TRANSFER_SIZE) <= 0) {
     // Reported also when it is the agent that stops.
     monitor_update_error(stream->stream_id, EPROTO, "Failed to receive OPTIONS from cloud");
     return false;
   }
-  if (stream_proxy(cloud.get(), stream, request)) return true;
-  stream_report_error(stream, EPROTO, "Stream proxy failed");
-  return false;
+  if (!stream_proxy(cloud.get(), stream, request)) {
+    stream_report_error(stream, EPROTO, "Stream proxy failed");
+    return false;
+  }
+  relay_settle(cloud.get(), stream);
+  return true;
 }
 
 static void stream_thread(const StreamContext *stream) {
   monitor_update_status(stream->stream_id, STREAM_OFFLINE);
-  int retry_delay = FIRST_DELAY;
+  int retry_delay = FIRST_DELAY_S;
   while (agent_running() && probe_camera(stream, &retry_delay)) {
     monitor_update_status(stream->stream_id, STREAM_CONNECTING);
     if (serve_cloud(stream)) {
-      retry_delay = FIRST_DELAY;
+      retry_delay = FIRST_DELAY_S;
       continue;
     }
     monitor_update_status(stream->stream_id, STREAM_OFFLINE);
-    pause_seconds(retry_delay);
-    retry_delay = next_retry_delay(retry_delay, CLOUD_DELAY_CAP);
+    // The delay is shared with the probes: one that fails after a long back-off brings it down.
+    back_off(stream, &retry_delay, CLOUD_DELAY_CAP_S);
   }
   monitor_update_status(stream->stream_id, STREAM_OFFLINE);
 }

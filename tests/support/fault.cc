@@ -135,6 +135,17 @@ static int64_t in_milliseconds(const timespec &time) {
   return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
 }
 
+NoRoomForFiles::NoRoomForFiles() {
+  getrlimit(RLIMIT_FSIZE, &before_);
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit none = {.rlim_cur = 0, .rlim_max = before_.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &none);
+}
+
+NoRoomForFiles::~NoRoomForFiles() {
+  setrlimit(RLIMIT_FSIZE, &before_);
+}
+
 static std::atomic<bool> files_unbuffered = false;
 
 UnbufferedFiles::UnbufferedFiles() {
@@ -146,7 +157,6 @@ UnbufferedFiles::~UnbufferedFiles() {
 }
 
 // --- The wrappers, in the names that the linker gives them ---------------------------------------
-// With 64-bit file offsets, as the agent is built, fopen is called by its other name.
 
 // NOLINTBEGIN(readability-identifier-naming,bugprone-reserved-identifier)
 extern "C" {
@@ -162,7 +172,7 @@ ssize_t __real_write(int, const void *, size_t);
 time_t __real_time(time_t *);
 int __real_clock_gettime(clockid_t, timespec *);
 int __real_ppoll(pollfd *, nfds_t, const timespec *, const sigset_t *);
-FILE *__real_fopen64(const char *, const char *);
+FILE *__real_fdopen(int, const char *);
 
 void *__wrap_malloc(size_t size) {
   return fails(Call::ALLOCATE) ? nullptr : __real_malloc(size);
@@ -231,8 +241,8 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now) {
   return 0;
 }
 
-FILE *__wrap_fopen64(const char *path, const char *mode) {
-  FILE *file = __real_fopen64(path, mode);
+FILE *__wrap_fdopen(int descriptor, const char *mode) {
+  FILE *file = __real_fdopen(descriptor, mode);
   if (file && files_unbuffered) setvbuf(file, nullptr, _IONBF, 0);
   return file;
 }

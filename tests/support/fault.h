@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <climits>
@@ -83,6 +84,18 @@ class FrozenClock {
   ~FrozenClock();
 
   [[nodiscard]] std::vector<int64_t> pauses() const;
+};
+
+// No file of the process may grow while it lives (EFBIG), as on a disk that is full.
+class NoRoomForFiles {
+ public:
+  NoRoomForFiles();
+  NoRoomForFiles(const NoRoomForFiles &) = delete;
+  NoRoomForFiles &operator=(const NoRoomForFiles &) = delete;
+  ~NoRoomForFiles();
+
+ private:
+  rlimit before_;
 };
 
 // Files opened while it lives are unbuffered, so that a full disk fails the write itself.

@@ -33,7 +33,8 @@ class StreamTest : public AgentTest {
              .port = port,
              .user = strdup(user.c_str()),
              .password = strdup(password.c_str()),
-             .monitor_snapshot = nullptr};
+             .monitor_snapshot = nullptr,
+             .buffers = made->buffers};
     return made;
   }
 

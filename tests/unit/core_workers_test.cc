@@ -10,7 +10,7 @@
 
 #include "core/clock.h"
 #include "core/signals.h"
-#include "core/tcp.h"
+#include "core/sockets.h"
 #include "support/agent_test.h"
 #include "support/fault.h"
 #include "support/peers.h"
@@ -57,13 +57,13 @@ TEST_F(WorkersTest, StopWakesAPauseAReceiveAndASend) {
     left++;
   };
   const auto receives = [this, &silent] {
-    const WorkerSocket socket(dup(silent.ours.get()));
+    const WorkerSocket socket{Fd(dup(silent.ours.get()))};
     ready++;
     EXPECT_EQ(get_all(Fd(dup(socket.get()))), "");
     left++;
   };
   const auto sends = [this, &full] {
-    const WorkerSocket socket(dup(full.ours.get()));
+    const WorkerSocket socket{Fd(dup(full.ours.get()))};
     const std::string data(32 * 1024 * 1024, 'x');
     ready++;
     EXPECT_FALSE(tcp_send_message(socket.get(), data));
@@ -93,7 +93,8 @@ TEST_F(WorkersTest, StopWakesAConnectThatNobodyAnswers) {
   const auto connects = [this, &address] {
     const WorkerSocket socket = worker_tcp_socket();
     ready++;
-    EXPECT_FALSE(tcp_connect(socket.get(), address));
+    StopGrace none(0);
+    EXPECT_FALSE(tcp_connect(socket.get(), address, 600, &none));
     left++;
   };
   start(&connects);

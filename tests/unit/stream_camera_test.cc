@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "stream/socket_options.h"
+#include "core/sockets.h"
 #include "stream/stream_thread.h"
 #include "support/fault.h"
 #include "support/peers.h"

@@ -16,11 +16,16 @@ class Relay : public StreamTest {
   Relay() { active = true; }
 
   RelayOutput output_to(const TcpPair &peer, RelayPeer kind) {
-    return {.fd = peer.ours.get(),
+    return {.socket = peer.ours.get(),
             .peer = kind,
             .active = &active,
             .health = kind == RelayPeer::CLOUD ? &health : nullptr,
             .sent = kind == RelayPeer::CLOUD ? &sent : nullptr};
+  }
+
+  SendOutcome send(const TcpPair &peer, const std::string &data) {
+    return relay_send(output_to(peer, RelayPeer::CLOUD), data.data(), data.size(),
+                      Follows::NOTHING);
   }
 
   AtomicFlag active;
@@ -78,13 +83,9 @@ TEST_F(Relay, SendFollowsTheRetryRule) {
     sent = 0;
     const FrozenClock clock;
     const IoScript script(Io::SEND, c.steps);
-    const SendResult result =
-        relay_send(output_to(cloud, RelayPeer::CLOUD), data.data(), data.size());
-    const int error = errno;
-    EXPECT_EQ(result, c.result);
-    if (c.error != 0) {
-      EXPECT_EQ(error, c.error);
-    }
+    const SendOutcome outcome = send(cloud, data);
+    EXPECT_EQ(outcome.result, c.result);
+    EXPECT_EQ(outcome.error, c.error);
     EXPECT_TRUE(script.used_up());
     EXPECT_EQ(clock.pauses(), c.pauses);
     EXPECT_EQ(health.score, c.score);
@@ -104,13 +105,13 @@ TEST_F(Relay, SendStopsWithTheRelayAndWithTheAgent) {
   {
     const FrozenClock clock(3);  // the agent stops in the third pause
     const IoScript script(Io::SEND, std::vector<int>(4, -ENOBUFS));
-    EXPECT_EQ(relay_send(output_to(cloud, RelayPeer::CLOUD), "x", 1), SendResult::STOPPED);
+    EXPECT_EQ(send(cloud, "x").result, SendResult::STOPPED);
     EXPECT_FALSE(script.used_up());
   }
   proxy_context.running = 1;
   active = 0;
   const IoScript script(Io::SEND, {1});
-  EXPECT_EQ(relay_send(output_to(cloud, RelayPeer::CLOUD), "x", 1), SendResult::STOPPED);
+  EXPECT_EQ(send(cloud, "x").result, SendResult::STOPPED);
   EXPECT_FALSE(script.used_up());
 }
 
@@ -128,10 +129,7 @@ TEST_F(Relay, SendWithoutRoomWaitsForThePeerOrTheEnd) {
   const TcpPair slow;
   // The far side shuts its own direction, which looks like the end of the relay to poll().
   shutdown(slow.far.get(), SHUT_WR);
-  std::thread sender([&] {
-    EXPECT_EQ(relay_send(output_to(slow, RelayPeer::CLOUD), data.data(), data.size()),
-              SendResult::SENT);
-  });
+  std::thread sender([&] { EXPECT_EQ(send(slow, data).result, SendResult::SENT); });
   wait_until_full(slow);
   size_t arrived = 0;
   while (arrived < data.size()) {
@@ -142,10 +140,7 @@ TEST_F(Relay, SendWithoutRoomWaitsForThePeerOrTheEnd) {
   sender.join();
 
   const TcpPair stuck;
-  std::thread ended([&] {
-    EXPECT_EQ(relay_send(output_to(stuck, RelayPeer::CLOUD), data.data(), data.size()),
-              SendResult::STOPPED);
-  });
+  std::thread ended([&] { EXPECT_EQ(send(stuck, data).result, SendResult::STOPPED); });
   wait_until_full(stuck);
   active = 0;
   shutdown(stuck.ours.get(), SHUT_RD);
