@@ -15,7 +15,7 @@
 
 static constexpr size_t TIME_TEXT_SIZE = 20;  // "%H:%M:%S %m-%d-%Y" and the terminator
 static constexpr size_t HEAD_SIZE = 32;       // "[time] [label] " and the terminator
-static constexpr size_t LINE_SIZE = 12288;    // bytes; the largest message forwarded, and more
+static constexpr size_t LINE_SIZE = 1280;     // bytes; of all lines but forwarded messages
 
 // All labels are five characters wide, so that messages begin in the same column.
 static constexpr const char *LEVEL_LABELS[] = {"ERROR", "INFO ", "DEBUG"};
@@ -25,8 +25,7 @@ bool log_enabled = false;
 // Statically initialised and never destroyed: the last line of the process still needs it.
 static Mutex log_lock;
 
-// Where a line is put together, so that no thread needs room for it. Without debug mode its pages
-// are never touched.
+// Where a line is put together, so that no thread's stack has to hold it.
 static char line_buffer[LINE_SIZE] GUARDED_BY(log_lock);
 
 static void format_now(char (&out)[TIME_TEXT_SIZE]) {
@@ -60,7 +59,7 @@ __attribute__((format(printf, 2, 0))) static void write_line(const char *head, c
   va_list second_pass;
   va_copy(second_pass, arguments);
   const size_t length = compose_line(line_buffer, LINE_SIZE, head, format, arguments);
-  Text whole;  // for what is longer still, such as a monstrous URL
+  Text whole;  // for what is longer; without memory the line is cut
   if (length > LINE_SIZE) whole = Text(static_cast<char *>(malloc(length)));
   if (whole) compose_line(whole.get(), length, head, format, second_pass);
   va_end(second_pass);
