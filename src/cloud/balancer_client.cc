@@ -133,7 +133,8 @@ static bool is_size_sound(const Exchange &exchange) {
   return false;
 }
 
-// Reads up to the chunk that brings the blank line; a body in a later chunk is not read.
+// Reads up to the chunk that brings the blank line: a body in a later chunk is not read, and the
+// attempt then fails for want of an answer. Balancers send both in one piece.
 static bool receive_id_response(const Fd &balancer, Exchange *exchange) {
   for (;;) {
     const Chunk chunk = receive_chunk(balancer, exchange);
@@ -159,6 +160,7 @@ static bool receive_server_response(const Fd &balancer, Exchange *exchange) {
   }
 }
 
+// Nothing but 200: the balancer never redirects. 0 stands for a status line that makes no sense.
 static bool check_status(const Exchange &exchange) {
   int status = 0;
   if (parse_http_status(exchange.response.get(), exchange.received, &status) && status == HTTP_OK) {
@@ -181,6 +183,7 @@ static bool read_id_answer(const Exchange &exchange, Text *id) {
   return true;
 }
 
+// Unlike an ID, the server is looked for in the headers too.
 static bool read_server_answer(const Exchange &exchange, CloudServerInfo *info) {
   if (!parse_server_message(exchange.text(), info)) return false;
   log_message(LOG_DEBUG, "Resolved cloud server: %s:%d", info->host.get(), int{info->port});
@@ -193,6 +196,7 @@ static Attempt attempt_result(bool succeeded) {
   return succeeded ? Attempt::SUCCEEDED : Attempt::FAILED;
 }
 
+// Nothing of an earlier attempt may answer for this one.
 static void clear_response(Exchange *exchange) {
   exchange->received = 0;
   exchange->response[0] = '\0';

@@ -1,5 +1,5 @@
 // The two questions to the cloud's directory service (the balancer): which cloud ID a new device
-// gets, and which cloud streaming server serves it. Main thread, during proxy start-up.
+// gets, and which cloud streaming server serves it. Main thread, during start-up.
 //
 // Both keep trying, with pauses of 1, 2, 4, ... 60 seconds, until they succeed (true) or `running`
 // is cleared or a local error is fatal (false). Each attempt has a connection of its own. Once

@@ -22,7 +22,7 @@ bool parse_http_status(const char *text, size_t length, int *code) {
   if (!text || !code || length < MIN_STATUS_LENGTH) return false;
   const std::string_view line(text, length);
   if (!line.starts_with("HTTP/1.")) return false;
-  const size_t space = line.find(' ');
+  const size_t space = line.find(' ');  // wherever it is: the version's digit is not looked at
   if (space == NONE || space + 4 > length) return false;
   int value = 0;
   for (size_t i = space + 1; i < space + 4 && is_decimal_digit(text[i]); i++) {
@@ -65,6 +65,7 @@ bool extract_message_id(const char *body, size_t length, Text *id) {
     log_message(LOG_ERROR, "Invalid ID length: %zu", value.size());
     return false;
   }
+  // Without a line of its own; the retry has one.
   if (!std::all_of(value.begin(), value.end(), is_id_character)) return false;
   Text copy = text_copy(value);
   if (!copy) return false;
@@ -99,6 +100,7 @@ static bool parse_server(std::string_view value, CloudServerInfo *info) {
     log_message(LOG_ERROR, "Invalid character in hostname");
     return false;
   }
+  // Before the port is looked at, so that want of memory is reported ahead of a bad port.
   Text host_copy = text_copy(host);
   if (!host_copy) {
     log_message(LOG_ERROR, "Failed to allocate memory for host");

@@ -58,6 +58,8 @@ static Text read_first_line(FILE *file, const char *path) {
   return nullptr;
 }
 
+// The characters are not looked at: those of an ID that the balancer issued were, before it was
+// stored. False is never fatal, since start-up then asks for a new ID.
 bool read_cloud_id_file(Text *id) {
   if (id) *id = nullptr;
   if (!id || !proxy_context.config.config_dir) {

@@ -1,5 +1,5 @@
 // The device's cloud ID on disk: the file cloud.id of the configuration directory. Main thread,
-// during proxy start-up.
+// during start-up.
 #pragma once
 
 #include "core/owners.h"

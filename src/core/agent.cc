@@ -28,6 +28,8 @@ static bool open_standard_descriptors() {
   return true;
 }
 
+// Streams before the web server: its pages then show what they do. The first failure ends the
+// start.
 static bool start_threads(const AgentConfig &config) {
   for (size_t i = 0; i < config.stream_count; i++) {
     if (stream_start(proxy_context.streams[i])) continue;
@@ -58,6 +60,7 @@ int agent_main(int argc, char **argv) {
     return 1;
   }
 
+  // From here on a failure, too, takes the way of an ordinary stop.
   const bool started = start_threads(config);
   while (started && agent_running())
     main_pause(RUN_LOOP_STEP_S);

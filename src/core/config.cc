@@ -52,6 +52,7 @@ static void prescan_debug(int argc, char **argv, AgentConfig *config) {
 }
 
 static bool set_config_dir(AgentConfig *config, std::string_view directory) {
+  // One slash only. A lone "/" becomes the empty text, which serves: paths in it begin with "/".
   if (directory.ends_with('/')) directory.remove_suffix(1);
   if (!text_assign(&config->config_dir, directory)) {
     log_message(LOG_ERROR, "Failed to allocate memory for config path");
@@ -158,6 +159,8 @@ static bool apply_option(AgentConfig *config, TextList *options, int letter, con
   }
 }
 
+// Arguments that are no options are passed over. Given twice, an option keeps its last value, but
+// for -s, of which each adds a stream.
 static bool parse_options(int argc, char **argv, AgentConfig *config, TextList *options) {
   optind = 1;
   for (;;) {
@@ -167,6 +170,7 @@ static bool parse_options(int argc, char **argv, AgentConfig *config, TextList *
   }
 }
 
+// Only the first that is missing is named, in this order.
 static bool check_required(const AgentConfig &config, const TextList &options) {
   const char *missing = !config.config_dir     ? "config"
                         : options.count() == 0 ? "stream"
@@ -216,6 +220,7 @@ bool config_load(int argc, char **argv, AgentConfig *config) {
   TextList options;
   if (!options.reserve(MAX_STREAMS)) {
     log_message(LOG_ERROR, "Failed to allocate temporary streams array");
+    // By hand: config_free would write its line, which belongs to a record that was being filled.
     text_release(&config->api_server);
     return false;
   }
@@ -223,6 +228,7 @@ bool config_load(int argc, char **argv, AgentConfig *config) {
     config_free(config);
     return false;
   }
+  // Counts the options, not the streams that they have become.
   log_message(LOG_INFO, "Configuration loaded successfully with %zu stream(s)", options.count());
   return true;
 }

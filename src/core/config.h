@@ -1,5 +1,5 @@
 // The command line as one record. Filled once on the main thread, before any other thread exists,
-// and not changed afterwards but for cloud_id, which proxy start-up sets.
+// and not changed afterwards but for cloud_id, which start-up sets.
 #pragma once
 
 #include <stddef.h>
@@ -23,7 +23,7 @@ struct AgentConfig {
   char **stream_urls;     // owned, MAX_STREAMS slots; entry i is stream number i + 1
   size_t stream_count;    // slots in use
   uint8_t group_streams;  // stream options are taken in pairs
-  char *cloud_id;         // owned; none until proxy start-up
+  char *cloud_id;         // owned; none until start-up
   uint8_t require_auth;
   uint8_t legacy_add;
   uint8_t status_file_enabled;

@@ -2,6 +2,7 @@
 
 ProxyContext proxy_context;
 
+// Field by field, since a flag cannot be assigned as memory.
 void context_reset() {
   proxy_context.config = {};
   proxy_context.streams = nullptr;

@@ -23,6 +23,7 @@ static bool obtain_cloud_id(Text *id) {
     log_message(LOG_ERROR, "Failed to fetch cloud ID from cloud");
     return false;
   }
+  // Only informative, as the words go, and yet the end of the start.
   if (!save_cloud_id_file(id->get())) {
     log_message(LOG_INFO, "Failed to save cloud ID to filesystem");
     return false;
@@ -41,6 +42,7 @@ static bool share_cloud_id(AgentConfig *config, const char *id) {
   return true;
 }
 
+// Asked once, at the start: a cloud that moves later is found by the next start only.
 static bool resolve_server(const char *id) {
   CloudServerInfo info;
   if (!resolve_cloud_server(id, &info)) {
@@ -82,6 +84,7 @@ static bool prepare_stream(size_t i, const char *url) {
   StreamMonitorState *snapshot = stream->monitor_snapshot;
   text_copy_to(snapshot->url, sizeof snapshot->url, url);
   snapshot->last_change = time(nullptr);
+  // The words of old: the thread is prepared here, and started by the start sequence.
   log_message(LOG_DEBUG, "Started thread %zu for stream %s", i + 1, url);
   return true;
 }
@@ -134,12 +137,14 @@ bool proxy_init(AgentConfig *config) {
   }
   if (start_up(config)) return true;
 
+  // `running` stays set: only tear-down, which does not follow now, clears it.
   release_streams();
   text_release(&proxy_context.cloud_server);
   monitor_cleanup();
   return false;
 }
 
+// Once more, though each worker did so as it left: those of a start that failed may never have run.
 static void set_all_offline() {
   for (size_t i = 0; i < proxy_context.stream_count; i++) {
     monitor_update_status(proxy_context.streams[i]->stream_id, STREAM_OFFLINE);
@@ -155,7 +160,8 @@ void proxy_cleanup() {
       log_message(LOG_INFO, "Web server already stopped");
     }
   }
-  // From here on nobody else uses the stream records or the monitor.
+  // The signal has cleared `running` already, but not when the start itself has failed. From here
+  // on nobody else uses the stream records or the monitor.
   workers_stop();
   set_all_offline();
   release_streams();

@@ -1,4 +1,4 @@
-// Proxy start-up and tear-down: from a loaded configuration to everything that the threads share,
+// Start-up and tear-down: from a loaded configuration to everything that the threads share,
 // and back. Main thread; starts no thread.
 #pragma once
 

@@ -5,6 +5,7 @@
 #include "core/clock.h"
 #include "core/context.h"
 
+// Stays installed: a second signal, during tear-down, clears the flag once more.
 void handle_signal(int /*signal_number*/) {
   proxy_context.running = false;
 }

@@ -27,6 +27,7 @@ static int read_number(std::string_view digits) {
   return text_to_int(text);
 }
 
+// What is no valid placeholder is no mistake either: cameras have paths with braces in them.
 bool parse_expansion_range(const char *url, ExpansionRange *range) {
   const std::string_view text = url;
   const size_t open = text.find('{');
@@ -202,6 +203,8 @@ static bool validate_pairs(const TextList &options) {
   return true;
 }
 
+// Of the options, before they are expanded: so the log has one line for each, not one for each of
+// its streams.
 static bool add_default_ports(TextList *options) {
   for (size_t i = 0; i < options->count(); i++) {
     Text url = add_default_port(options->at(i));
@@ -231,6 +234,7 @@ static void store_list(AgentConfig *config, TextList *list) {
   config->stream_urls = list->release();
 }
 
+// Everything is counted before anything is built, so that a range of millions costs nothing.
 bool process_stream_urls(AgentConfig *config, TextList *options) {
   const bool valid = config->group_streams ? validate_pairs(*options) : validate_single(*options);
   if (!valid || !add_default_ports(options)) return false;

@@ -23,6 +23,7 @@ StringBuilder *string_builder_create(size_t capacity) {
   return builder.release();
 }
 
+// In whole steps, so that a page of some KiB is moved a handful of times while it grows.
 static bool reserve(StringBuilder *builder, size_t required) {
   if (required + 1 <= builder->capacity) return true;
   const size_t capacity = (required + GROWTH_STEP) & ~(GROWTH_STEP - 1);
@@ -64,7 +65,7 @@ bool string_builder_appendf(StringBuilder *builder, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
   va_list second_pass;
-  va_copy(second_pass, arguments);
+  va_copy(second_pass, arguments);  // the first pass uses its list up
   const int result = vsnprintf(local, sizeof local, format, arguments);
   va_end(arguments);
 

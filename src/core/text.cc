@@ -14,6 +14,7 @@ Text text_copy(std::string_view text) {
 }
 
 bool text_assign(char **slot, std::string_view text) {
+  // Copied before the old text goes, of which it may be a part.
   Text copy = text_copy(text);
   if (!copy) return false;
   text_release(slot);
@@ -40,6 +41,7 @@ std::string_view text_trim(std::string_view text) {
   return text;
 }
 
+// Not atoi: that is undefined for more digits than an int holds, and the text is the user's.
 int text_to_int(const char *text) {
   return static_cast<int>(strtoll(text, nullptr, 10));
 }

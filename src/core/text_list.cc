@@ -29,6 +29,7 @@ void TextList::replace(size_t index, Text text) {
   slots_[index] = text.release();
 }
 
+// The list is empty afterwards, so that its destructor finds nothing to do.
 char **TextList::release() {
   capacity_ = 0;
   count_ = 0;

@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+// -m and -v stand among the optional ones although both are required: the text is what the
+// command line has always said, and stays.
 static constexpr char OPTION_TEXT[] = R"(Usage: %s [OPTIONS]
 Required Options:
   -c, --config=DIR      Configuration directory

@@ -117,6 +117,8 @@ static void apply_status(StreamMonitorState *record, StreamStatus status)
   }
 }
 
+// The status file is written with every update, also with one that changes nothing. The lock is
+// released before that, since writing takes it again.
 bool monitor_update_status(int stream_id, StreamStatus status) {
   if (!monitor_knows(stream_id)) {
     log_message(LOG_ERROR, "Invalid channel ID in status update: %d", stream_id);
@@ -148,6 +150,8 @@ static void apply_error(StreamMonitorState *record, int32_t code, const char *me
               message);
 }
 
+// Neither a change of status in the log nor in the status file: an error lasts for moments, until
+// the stream's thread sets it offline.
 bool monitor_update_error(int stream_id, int32_t code, const char *message) {
   if (!monitor_knows(stream_id) || !message) {
     log_message(LOG_ERROR, "Invalid parameters in monitor_update_error");
@@ -172,11 +176,12 @@ bool monitor_update_error(int stream_id, int32_t code, const char *message) {
   if (!lock.release()) {
     log_message(LOG_ERROR, "Failed to release monitor lock: %s", strerror(errno));
   }
-  return true;
+  return true;  // the report stands, whatever becomes of the lock
 }
 
 static void apply_stats(StreamMonitorState *record, time_t now, uint64_t sent, uint64_t received)
     REQUIRES_LOCK(monitor.lock) {
+  // The first interval counts from the epoch, so that the first rate is 0 in practice.
   const int64_t elapsed = int64_t{now} - int64_t{record->last_update};
   record->bytes_total += sent;
   if (elapsed > 0) record->rate = (sent + received) / static_cast<uint64_t>(elapsed);
@@ -293,6 +298,7 @@ char *monitor_format_start_time(char *buffer, size_t size) {
 
 // --- The end -------------------------------------------------------------------------------------
 
+// The count goes first from the view of whoever still asks: every number is out of range then.
 static void release_records() {
   CheckedLock lock(&monitor.lock);
   if (!lock.acquire()) return;
@@ -303,6 +309,7 @@ static void release_records() {
 }
 
 void monitor_cleanup() {
+  // Ahead of the release, which takes the lock along.
   char uptime[FINAL_UPTIME_SIZE];
   if (monitor_format_uptime(uptime, sizeof uptime)) {
     log_message(LOG_INFO, "Final system uptime: %s", uptime);

@@ -13,6 +13,7 @@
 #include "core/log.h"
 #include "core/owners.h"
 
+// Connecting does not count: other programs take "1" for "the cloud can have video".
 static bool is_in_cloud(const StreamMonitorState &record) {
   return record.status == STREAM_REGISTERED || record.status == STREAM_STREAMING;
 }

@@ -36,6 +36,8 @@ static bool contains(const char *text, size_t length, std::string_view wanted) {
   return std::string_view(text, length).find(wanted) != std::string_view::npos;
 }
 
+// A camera that does not answer is not worth a line: it may be switched off for months, and is
+// asked every ten seconds.
 bool stream_check(const StreamContext *stream) {
   const WorkerSocket camera = worker_tcp_socket();
   if (!camera) {
@@ -51,6 +53,7 @@ bool stream_check(const StreamContext *stream) {
   if (length < 0) return false;
   if (!tcp_send_message(camera.get(), {message, static_cast<size_t>(length)})) return false;
   const ssize_t received = receive_text(camera.get(), message, TRANSFER_SIZE);
+  // Anywhere in what came, not only at its start.
   return received > 0 && contains(message, static_cast<size_t>(received), "RTSP/1.0 200 OK");
 }
 

@@ -1,4 +1,4 @@
-// Everything that the stream proxy says to the camera in RTSP before a relay: the probe, the
+// Everything that the stream subsystem says to the camera in RTSP before a relay: the probe, the
 // connection, and the OPTIONS handshake on the cloud's behalf. Stream threads; each uses its own
 // record and sockets only.
 #pragma once

@@ -44,6 +44,7 @@ static int compose_camera_url(const StreamContext *stream, char *out, size_t siz
 
 int rtsp_rewrite_options(const char *request, const StreamContext *stream, char *out,
                          size_t out_size) {
+  // Spelled exactly so: what stands before it, a header in other letters included, is dropped.
   const char *cseq = strstr(request, "CSeq:");
   if (!cseq) {
     log_message(LOG_ERROR, "No CSeq found in OPTIONS request");

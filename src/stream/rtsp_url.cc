@@ -33,6 +33,8 @@ static Halves cut_at(std::string_view text, char separator) {
           .found = true};
 }
 
+// 0 without digits, and whatever is left of a number that is too large: a port that cannot be
+// reached shows at the probe.
 static uint16_t leading_number(std::string_view text) {
   uint32_t number = 0;
   for (const char c : text) {

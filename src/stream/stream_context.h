@@ -1,4 +1,4 @@
-// One configured stream. Proxy start-up creates the record and owns it until tear-down;
+// One configured stream. Start-up creates the record and owns it until tear-down;
 // stream_start completes the camera fields; from then on the stream's threads only read it.
 #pragma once
 

@@ -36,7 +36,8 @@ static bool probe_camera(const StreamContext *stream, int *retry_delay) {
   return true;
 }
 
-// A connected socket, or none after the failure has been reported.
+// A connected socket, with the time-outs of a connection that waits; or none after the failure has
+// been reported.
 static WorkerSocket connect_to_cloud(const StreamContext *stream) {
   WorkerSocket cloud = worker_tcp_socket();
   if (!cloud || !socket_set_options(cloud.get(), CONNECT_TIMEOUT_S, CONNECT_TIMEOUT_S, false)) {
@@ -100,6 +101,7 @@ static void *stream_thread_body(void *argument) {
   return nullptr;
 }
 
+// Errors are reported without a look at `running`: it is the main thread that calls.
 bool stream_start(StreamContext *stream) {
   if (!stream || !stream->uri) {
     log_message(LOG_ERROR, "Invalid stream parameters");
