@@ -50,6 +50,31 @@ struct RelayEnd {
 
 static constexpr RelayEnd FOLLOWS_THE_OTHER = {};
 
+// The two ways in which sending to a peer ends the relay; the code comes with the outcome.
+struct SendEnds {
+  RelayEnd closed;
+  RelayEnd failed;
+};
+
+static constexpr SendEnds CLOUD_SEND_ENDS = {
+    .closed = {.reason = "Cloud connection closed (write failed)"},
+    .failed = {.reason = "Cloud send error", .log = EndLog::WITH_ERROR},
+};
+static constexpr SendEnds CAMERA_SEND_ENDS = {
+    .closed = {.reason = "Camera connection closed", .log = EndLog::PLAIN},
+    .failed = {.reason = "Camera send error", .log = EndLog::WITH_ERROR},
+};
+
+// True when a chunk could not be sent, which ends the relay.
+static bool ends_by_sending(const SendOutcome &outcome, const SendEnds &ends, RelayEnd *end) {
+  if (outcome.result == SendResult::SENT) return false;
+  *end = outcome.result == SendResult::CLOSED   ? ends.closed
+         : outcome.result == SendResult::FAILED ? ends.failed
+                                                : FOLLOWS_THE_OTHER;
+  end->code = outcome.error;
+  return true;
+}
+
 // A direction at its end. Only the one that gets here first reports its reason, since the other
 // merely meets the consequences; and it holds the other one up until it has written all its lines,
 // cleared `active` and woken it. So no reason can come after the stream has been set offline.
@@ -116,24 +141,6 @@ static bool ends_without_data(ssize_t received, int error, RelayEnd *end) {
   return true;
 }
 
-// True when the chunk could not be sent, which ends the relay.
-static bool ends_at_cloud(const SendOutcome &outcome, RelayEnd *end) {
-  switch (outcome.result) {
-    case SendResult::SENT:
-      return false;
-    case SendResult::STOPPED:
-      *end = FOLLOWS_THE_OTHER;
-      break;
-    case SendResult::CLOSED:
-      *end = {.code = outcome.error, .reason = "Cloud connection closed (write failed)"};
-      break;
-    case SendResult::FAILED:
-      *end = {.code = outcome.error, .reason = "Cloud send error", .log = EndLog::WITH_ERROR};
-      break;
-  }
-  return true;
-}
-
 // The next chunk of the camera, with what recv() returns. When the last one filled the buffer, more
 // was on its way and part of that chunk may be held back: should no more have come after all, it is
 // pushed before the camera is waited for.
@@ -175,7 +182,8 @@ static RelayEnd copy_camera_to_cloud(const RelayContext *relay, time_t started) 
     stats.received += length;
     report_stats(relay, &stats);
     follows = length == TRANSFER_SIZE ? Follows::MORE : Follows::NOTHING;
-    if (ends_at_cloud(relay_send(cloud, buffer, length, follows), &end)) return end;
+    const SendOutcome outcome = relay_send(cloud, buffer, length, follows);
+    if (ends_by_sending(outcome, CLOUD_SEND_ENDS, &end)) return end;
   }
   return end;
 }
@@ -203,24 +211,6 @@ static bool ends_without_word(ssize_t received, int error, RelayEnd *end) {
   return true;
 }
 
-// True when the chunk could not be sent, which ends the relay.
-static bool ends_at_camera(const SendOutcome &outcome, RelayEnd *end) {
-  switch (outcome.result) {
-    case SendResult::SENT:
-      return false;
-    case SendResult::STOPPED:
-      *end = FOLLOWS_THE_OTHER;
-      break;
-    case SendResult::CLOSED:
-      *end = {.code = outcome.error, .reason = "Camera connection closed", .log = EndLog::PLAIN};
-      break;
-    case SendResult::FAILED:
-      *end = {.code = outcome.error, .reason = "Camera send error", .log = EndLog::WITH_ERROR};
-      break;
-  }
-  return true;
-}
-
 static RelayEnd copy_cloud_to_camera(const RelayContext *relay) {
   const RelayOutput camera = {.socket = relay->camera_fd,
                               .peer = RelayPeer::CAMERA,
@@ -237,7 +227,8 @@ static RelayEnd copy_cloud_to_camera(const RelayContext *relay) {
       continue;
     }
     const auto length = static_cast<size_t>(received);
-    if (ends_at_camera(relay_send(camera, buffer, length, Follows::NOTHING), &end)) return end;
+    const SendOutcome outcome = relay_send(camera, buffer, length, Follows::NOTHING);
+    if (ends_by_sending(outcome, CAMERA_SEND_ENDS, &end)) return end;
   }
   return end;
 }
