@@ -81,12 +81,14 @@ static Fd open_socket() {
   return balancer;
 }
 
+// No name is looked up and nothing is tried in parallel: one address, one port, built in.
 static bool connect_to(const Fd &balancer, const sockaddr_in &address, Exchange *exchange) {
   if (tcp_connect(balancer.get(), address, TIMEOUT_S, &exchange->grace)) return true;
   log_message(LOG_ERROR, "Connect failed: %s", strerror(errno));
   return false;
 }
 
+// The balancer may take the request in pieces, each within its own time.
 static bool send_request(const Fd &balancer, Exchange *exchange) {
   std::string_view rest = exchange->request.get();
   while (!rest.empty()) {
@@ -127,6 +129,8 @@ static bool has_blank_line(const Exchange &exchange) {
   return exchange.text().find(BLANK_LINE) != std::string_view::npos;
 }
 
+// What is shorter than any sensible answer is not looked at any further: half an answer could name
+// half an ID.
 static bool is_size_sound(const Exchange &exchange) {
   if (exchange.received >= MIN_RESPONSE_SIZE) return true;
   log_message(LOG_ERROR, "Invalid response size or incomplete: %zu", exchange.received);
@@ -231,6 +235,7 @@ static Attempt attempt_id_fetch(Exchange *exchange, Text *id) {
                         read_id_answer(*exchange, id));
 }
 
+// The values go into the request line as they are, blanks included: the balancer knows.
 static Attempt attempt_resolution(const char *cloud_id, Exchange *exchange, CloudServerInfo *info) {
   const AgentConfig &config = proxy_context.config;
   clear_response(exchange);
@@ -258,6 +263,8 @@ static bool pause_before_retry(int delay) {
   return agent_running();
 }
 
+// The buffers are allocated once, ahead of the first attempt: want of memory ends the start at
+// once, while an unreachable balancer is waited for.
 bool fetch_cloud_id(Text *id) {
   if (id) *id = nullptr;
   if (!id || !proxy_context.config.api_server) {

@@ -32,6 +32,9 @@ bool parse_http_status(const char *text, size_t length, int *code) {
   return value >= MIN_STATUS && value <= MAX_STATUS;
 }
 
+// Here and below texts are shrunk in place, never cut out: substr() can throw, and nothing here
+// may.
+
 // Shrinks the text to what follows the first message marker; false without one.
 static bool skip_to_value(std::string_view *text) {
   const size_t marker = text->find(MESSAGE_MARKER);
@@ -85,6 +88,7 @@ static bool parse_port(std::string_view text, uint16_t *port) {
   return true;
 }
 
+// Checked in the order in which the failures are to be named; *info is written last of all.
 static bool parse_server(std::string_view value, CloudServerInfo *info) {
   const size_t bar = value.find('|');
   if (bar == NONE || bar == 0 || bar + 1 == value.size()) {

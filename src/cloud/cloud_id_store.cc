@@ -20,6 +20,7 @@ static constexpr size_t LINE_MAX_LENGTH = 128;  // bytes of the first line that 
 // A FIFO in the file's place must not hold the start up; a regular file never blocks.
 static constexpr int NEVER_WAIT = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
+// "%s/%s": the directory may be the empty text, which stands for the root.
 static Text compose_path() {
   const char *directory = proxy_context.config.config_dir;
   const size_t size = strlen(directory) + sizeof "/" - 1 + sizeof CLOUD_ID_FILE;

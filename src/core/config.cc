@@ -62,6 +62,7 @@ static bool set_config_dir(AgentConfig *config, std::string_view directory) {
   return true;
 }
 
+// Empty texts are as good as others: whether a value was given is what counts.
 static bool set_vendor(AgentConfig *config, const char *vendor) {
   if (!text_assign(&config->vendor, vendor)) {
     log_message(LOG_ERROR, "Failed to allocate memory for vendor");
@@ -205,6 +206,8 @@ static bool load_options(int argc, char **argv, AgentConfig *config, TextList *o
          store_stream_options(config, *options) && process_stream_urls(config, options);
 }
 
+// A failure below has logged its own reason; the record is released here, so that a caller has
+// nothing to clean up.
 bool config_load(int argc, char **argv, AgentConfig *config) {
   *config = {};
   config->api_port = DEFAULT_API_PORT;

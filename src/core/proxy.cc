@@ -89,6 +89,8 @@ static bool prepare_stream(size_t i, const char *url) {
   return true;
 }
 
+// The count is set with the array, so that a failure further on finds every slot that may be
+// filled.
 static bool prepare_streams(const AgentConfig &config) {
   proxy_context.streams =
       static_cast<StreamContext **>(calloc(config.stream_count, sizeof(void *)));
@@ -112,6 +114,7 @@ static void release_streams() {
   proxy_context.stream_count = 0;
 }
 
+// Everything from the network first: a device that is not known to the cloud prepares nothing.
 static bool start_up(AgentConfig *config) {
   Text id;
   if (!obtain_cloud_id(&id) || !share_cloud_id(config, id.get()) || !resolve_server(id.get()) ||

@@ -27,6 +27,7 @@ void signals_install() {
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+// The mask is a thread's own; a new thread begins with its creator's.
 StopSignalsBlocked::StopSignalsBlocked() {
   const sigset_t signals = stop_signals();
   pthread_sigmask(SIG_BLOCK, &signals, &before_);

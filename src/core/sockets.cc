@@ -71,6 +71,8 @@ static bool set_keepalive(int socket) {
          set_number(socket, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_S);
 }
 
+// Set again at every step of a connection's life; the last values count. Keep-alive is never taken
+// back.
 bool socket_set_options(int socket, int receive_timeout_s, int send_timeout_s, bool keepalive) {
   if (!set_timeout(socket, SO_RCVTIMEO, receive_timeout_s) ||
       !set_timeout(socket, SO_SNDTIMEO, send_timeout_s)) {
@@ -131,6 +133,8 @@ bool tcp_connect(int socket, const sockaddr_in &address, int timeout_s, StopGrac
   return set_blocking(socket);
 }
 
+// Not continued after a short count: the far side takes each receive as one message, and half of
+// one would be taken for another.
 bool tcp_send_message(int socket, std::string_view message) {
   const ssize_t sent = send(socket, message.data(), message.size(), 0);
   if (sent < 0) return false;

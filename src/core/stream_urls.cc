@@ -48,6 +48,8 @@ bool parse_expansion_range(const char *url, ExpansionRange *range) {
   return true;
 }
 
+// Of the placeholder alone: a range of more channels than there can be streams is refused by
+// itself, ahead of the total, since the message names it.
 int expansion_count(const char *url) {
   ExpansionRange range;
   if (!parse_expansion_range(url, &range)) return 1;
@@ -135,6 +137,7 @@ bool expand_stream_url(const char *url, TextList *out) {
   return true;
 }
 
+// Both have a placeholder or none has: options of which only one has were refused by their counts.
 static bool expand_pair(const char *first, const char *second, TextList *out) {
   ExpansionRange a;
   ExpansionRange b;
@@ -226,6 +229,7 @@ static bool expand_all(const AgentConfig &config, const TextList &options, TextL
   return true;
 }
 
+// From here on nothing fails: the old list goes only when the new one stands.
 static void store_list(AgentConfig *config, TextList *list) {
   for (size_t i = 0; i < config->stream_count; i++)
     text_release(&config->stream_urls[i]);

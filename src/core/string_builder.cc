@@ -12,6 +12,7 @@
 static constexpr size_t GROWTH_STEP = 4096;        // bytes
 static constexpr size_t LOCAL_FORMAT_SIZE = 1024;  // bytes; most formatted pieces are shorter
 
+// Record and buffer are two allocations, since the buffer moves when it grows.
 StringBuilder *string_builder_create(size_t capacity) {
   capacity = std::max<size_t>(capacity, 1);
   StringBuilderOwner builder(static_cast<StringBuilder *>(calloc(1, sizeof(StringBuilder))));

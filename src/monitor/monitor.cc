@@ -25,6 +25,7 @@ static constexpr const char *STATUS_NAMES[] = {"offline", "connecting", "registe
 
 Monitor monitor;
 
+// A number outside the table is kept as it is and only has no name.
 static const char *status_name(StreamStatus status) {
   return status >= STREAM_OFFLINE && status <= STREAM_ERROR ? STATUS_NAMES[status] : "unknown";
 }
@@ -66,6 +67,7 @@ static bool fill_monitor(size_t count) REQUIRES_LOCK(monitor.lock) {
   return true;
 }
 
+// The lock is held while nobody else knows of it: the annotations ask for it.
 static bool create_monitor(size_t count) {
   reset_monitor();
   const int result = pthread_mutex_init(&monitor.lock.native, nullptr);
@@ -138,6 +140,7 @@ bool monitor_update_status(int stream_id, StreamStatus status) {
   return true;
 }
 
+// Logged under the lock, so that lines of one stream stand in the order of what they report.
 static void apply_error(StreamMonitorState *record, int32_t code, const char *message)
     REQUIRES_LOCK(monitor.lock) {
   const time_t now = time(nullptr);
@@ -189,6 +192,7 @@ static void apply_stats(StreamMonitorState *record, time_t now, uint64_t sent, u
   record->last_change = now;
 }
 
+// The clock is read before the lock is taken, so that nobody waits for a clock that fails.
 bool monitor_update_stats(int stream_id, uint64_t sent, uint64_t received) {
   if (!monitor_knows(stream_id)) {
     log_message(LOG_ERROR, "Invalid channel ID in monitor_update_stats: %d", stream_id);

@@ -28,6 +28,7 @@ static bool write_file(const char *path, char content) {
   return fclose(file.release()) == 0;
 }
 
+// Rewritten in place: who reads it at the wrong moment finds it empty, and looks again.
 bool monitor_write_status_file() {
   const AgentConfig &config = proxy_context.config;
   if (!config.status_file_enabled) return true;

@@ -57,6 +57,7 @@ bool stream_check(const StreamContext *stream) {
   return received > 0 && contains(message, static_cast<size_t>(received), "RTSP/1.0 200 OK");
 }
 
+// Each step has a report of its own, unlike the probe: by now the cloud is waiting for video.
 WorkerSocket camera_connect(const StreamContext *stream) {
   WorkerSocket camera = worker_tcp_socket();
   if (!camera) {
@@ -80,6 +81,7 @@ WorkerSocket camera_connect(const StreamContext *stream) {
   return camera;
 }
 
+// Traffic is counted as it is moved, so that a handshake that fails half-way shows what it took.
 static bool forward_request(int camera_fd, const char *request, const StreamContext *stream) {
   char *rewritten = stream->buffers->camera;
   const int length = rtsp_rewrite_options(request, stream, rewritten, TRANSFER_SIZE);
@@ -114,6 +116,7 @@ static size_t receive_answer(int camera_fd, char *answer, const StreamContext *s
   return static_cast<size_t>(received);
 }
 
+// Anything but 200 is kept from the cloud, which would take it for the answer to its viewer.
 static bool check_answer(const char *answer, const StreamContext *stream) {
   int code = 0;
   if (!rtsp_parse_status(answer, &code)) {

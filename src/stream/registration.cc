@@ -46,6 +46,7 @@ bool cloud_send_register(int socket, const StreamContext *stream) {
   return true;
 }
 
+// Registered as soon as the message has left: the cloud does not answer it.
 static bool register_stream(int socket, const StreamContext *stream) {
   if (!socket_set_options(socket, REGISTER_TIMEOUT_S, REGISTER_TIMEOUT_S, false)) {
     log_message(LOG_ERROR, "Failed to set registration timeouts: %s", strerror(errno));
@@ -80,6 +81,7 @@ static ssize_t receive_message(int socket, char *buffer, size_t size) {
   return -1;
 }
 
+// Two bytes in an idle connection always fit: a short count means that it is of no more use.
 static bool answer_keepalive(int socket, const StreamContext *stream) {
   if (!tcp_send_message(socket, KEEPALIVE_ANSWER)) {
     log_message(LOG_ERROR, "Failed to send keepalive response");

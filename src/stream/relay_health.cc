@@ -23,6 +23,7 @@ void health_send_failed(RelayHealth *health) {
   lower(health, FAILED_LOSS);
 }
 
+// A check that fails stays due: the relay ends by it.
 bool health_check(RelayHealth *health, time_t now) {
   if (now - health->checked < HEALTH_CHECK_INTERVAL) return true;
   if (health->score < HEALTH_MINIMUM) return false;

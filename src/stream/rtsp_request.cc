@@ -26,6 +26,7 @@ static int whole_length(int length, size_t size) {
   return length >= 0 && static_cast<size_t>(length) < size ? length : -1;
 }
 
+// Without the credentials: a camera that wants them for OPTIONS already is never registered.
 int rtsp_compose_probe(const StreamContext *stream, char *out, size_t size) {
   return whole_length(
       snprintf(out, size, PROBE_REQUEST, stream->host, int{stream->port}, stream->uri), size);

@@ -20,6 +20,7 @@ static constexpr int CLOUD_DELAY_CAP_S = 60;
 static constexpr int CONNECT_TIMEOUT_S = 10;
 static constexpr int CONNECTED_TIMEOUT_S = 120;
 
+// The pause comes first and the doubling after it, so that the first retry follows in a second.
 static void back_off(const StreamContext *stream, int *retry_delay, int cap) {
   stream_forget_buffers(stream);
   worker_pause(*retry_delay * 1000);
@@ -78,6 +79,7 @@ static bool serve_cloud(const StreamContext *stream) {
   return true;
 }
 
+// The end of a relay is never the end of the thread, and costs no pause.
 static void stream_thread(const StreamContext *stream) {
   monitor_update_status(stream->stream_id, STREAM_OFFLINE);
   int retry_delay = FIRST_DELAY_S;
