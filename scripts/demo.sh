@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The whole way of a video on this machine: camera, agent, cloud, player.
 #
-#   scripts/demo.sh [RTSP-URL]          run until Ctrl-C; with an URL that camera is used
+#   scripts/demo.sh [RTSP-URL]          run until Ctrl-C; with a URL that camera is used
 #   scripts/demo.sh --check [RTSP-URL]  play some seconds, compare them with the camera, exit 0 or 1
 #
-# Needs root only to install packages that are missing. Everything runs on 127.0.0.1.
+# Needs root only to install packages that are missing. Everything listens on 127.0.0.1,
+# except the agent's pages: port 8282 of all addresses.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
@@ -18,6 +19,7 @@ player_url=rtsp://127.0.0.1:8554/$cloud_id/1
 page_url=http://127.0.0.1:8282/
 camera_url=rtsp://127.0.0.1:5540/stream
 start_seconds=30                 # for each program to become ready; a cold plug-in scan takes 4 s
+camera_seconds=5                 # until it is said why the camera may not answer
 frames=75                        # played by --check: 5 s at 15 frames a second
 first_frame_seconds=15
 
@@ -27,24 +29,30 @@ names=() pids=()                 # the programs started, in order
 main() {
     local check=no own_camera=yes
     if [[ ${1:-} == --check ]]; then check=yes; shift; fi
-    if [[ ${1:-} == -* || $# -gt 1 ]]; then
-        sed -n '2,5s/^# \{0,1\}//p' "$0" >&2
-        exit 1
-    fi
+    case "$#${1:-}" in
+        1-h | 1--help) show_usage; exit 0 ;;
+        0 | 1[!-]*) ;;
+        *) show_usage >&2; exit 1 ;;
+    esac
     if [[ $# == 1 ]]; then own_camera=no; camera_url=$1; fi
 
-    prepare "$own_camera"
-    work=$(mktemp -d)
     trap stop_all EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
+    work=$(mktemp -d)
+    prepare "$own_camera"
     local began=$EPOCHREALTIME
     start_all "$own_camera"
+    wait_for_camera "$check"
     if [[ $check == yes ]]; then
         check_video "$own_camera" "${began/,/.}"
     else
         show_log
     fi
+}
+
+show_usage() {
+    sed -n '2,8s/^# \{0,1\}//p' "$0"
 }
 
 prepare() {
@@ -59,14 +67,10 @@ prepare() {
     fi
     ensure_packages "${packages[@]}" cmake ninja-build g++
     echo "building the agent ..."
-    local log
-    log=$(mktemp)
-    if ! { cmake --preset release && cmake --build --preset release; } >"$log" 2>&1; then
-        tail -n 30 "$log" >&2
-        rm -f "$log"
+    if ! { cmake --preset release && cmake --build --preset release; } >"$work/build" 2>&1; then
+        tail -n 30 "$work/build" >&2
         fail "the agent does not build"
     fi
-    rm -f "$log"
 }
 
 agent_is_current() {
@@ -88,7 +92,6 @@ start_all() {
     if [[ $1 == yes ]]; then wait_for camera '^ready'; fi
     wait_for cloud '^ready'
     start agent "$agent" -d -l -c "$work" -v Demo -m Cam1 -s "$camera_url" -p 8282
-    wait_for cloud "registered $cloud_id/1 "
 }
 
 # start NAME COMMAND...: runs it in the background with its output in $work/NAME.log
@@ -101,16 +104,39 @@ start() {
     pids+=($!)
 }
 
-# wait_for NAME PATTERN [COUNT]: until the log of NAME has COUNT lines that match (default 1)
-wait_for() {
-    local deadline=$((SECONDS + start_seconds))
-    until (($(grep -Ec -- "$2" "$work/$1.log") >= ${3:-1})); do
+# appears NAME PATTERN SECONDS: whether a line of the log of NAME matches within that time
+appears() {
+    local deadline=$((SECONDS + $3))
+    until grep -Eq -- "$2" "$work/$1.log"; do
         all_alive
-        if ((SECONDS >= deadline)); then
-            show_tails
-            fail "no \"$2\" from the $1 within $start_seconds s"
-        fi
+        if ((SECONDS >= deadline)); then return 1; fi
         sleep 0.1
+    done
+}
+
+# wait_for NAME PATTERN: as above, and its absence ends the demo
+wait_for() {
+    if ! appears "$1" "$2" $start_seconds; then
+        show_tails
+        fail "no \"$2\" from the $1 within $start_seconds s"
+    fi
+}
+
+# A stream whose probe fails is silent in the log of the agent: only its registration is missing.
+wait_for_camera() {
+    local registered="registered $cloud_id/1 " place=${camera_url#*://}
+    if appears cloud "$registered" $camera_seconds; then return; fi
+    cat >&2 <<EOF
+demo: the camera at ${place##*@} does not answer the agent as it must, usually because
+  - nothing listens at that address and port (554 if none is given), or the host is a name,
+    where only an IPv4 number will do,
+  - no answer comes within 2 s,
+  - it asks for a login already for OPTIONS (401), or
+  - the answer is not "RTSP/1.0 200 OK".
+The agent goes on asking, at least every 12 s; the demo goes on when the camera answers.
+EOF
+    until appears cloud "$registered" $((start_seconds - camera_seconds)); do
+        if [[ $1 == yes ]]; then fail "the camera did not answer within $start_seconds s"; fi
     done
 }
 
