@@ -80,7 +80,7 @@ class Rig:
         return process
 
     def ask(self, command: str) -> dict[str, int]:
-        self.load.stdin.write(command + "\n")
+        self.load.stdin.write(f"{command} {self.relay.pid}\n")
         self.load.stdin.flush()
         return self.answer(command)
 
@@ -91,10 +91,11 @@ class Rig:
         pairs = (word.partition("=") for word in line.split())
         return {key: int(value) for key, _, value in pairs if value}
 
-    def pss_kib(self) -> int:
+    def memory_kib(self) -> tuple[int, int]:
+        """Own pages, in memory or swapped out, and Pss of the relay."""
         rollup = Path(f"/proc/{self.relay.pid}/smaps_rollup").read_text()
-        return next(int(line.split()[1]) for line in rollup.splitlines()
-                    if line.startswith("Pss:"))
+        kib = {words[0]: int(words[1]) for words in map(str.split, rollup.splitlines()[1:])}
+        return kib["Anonymous:"] + kib["Swap:"], kib["Pss:"]
 
     def close(self) -> None:
         for process in reversed(self.processes):
@@ -124,10 +125,10 @@ class Verdicts:
     def __init__(self) -> None:
         self.missed = False
 
-    def check(self, name: str, value: float, limit: float, unit: str) -> None:
-        self.missed |= value > limit
-        word = "ok" if value <= limit else "MISSED"
-        print(f"  {name:<46} {value:9.2f} {unit:<4} limit {limit:g}  {word}", flush=True)
-
-    def note(self, name: str, value: float, unit: str) -> None:
-        print(f"  {name:<46} {value:9.2f} {unit}", flush=True)
+    def figure(self, name: str, value: float, unit: str, limit: float | None = None,
+               note: str = "") -> None:
+        verdict = ""
+        if limit is not None:
+            self.missed |= value > limit
+            verdict = f"limit {limit:g} {'ok' if value <= limit else 'MISSED'}"
+        print(f"  {name:<42}{value:9.2f} {unit:<4} {verdict:<17} {note}".rstrip(), flush=True)

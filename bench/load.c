@@ -7,16 +7,17 @@
 // registered. Then takes one command per line, answers each with one line of key=value pairs, and
 // ends at the end of its input; between commands it sleeps.
 //
-//   keepalive                      one for every registered stream; answers when all have replied
-//   open                           asks for every stream; answers when all relays are established
-//   paced MS BIT_RATE BURST PID    1,400-byte frames camera to cloud, BIT_RATE for each stream,
-//                                  evenly spread; each stream sends BURST more bytes once a second
-//   bulk MS BOTH PID               as fast as it goes, camera to cloud or (BOTH 1) both ways
-//   end COUNT                      the cloud closes that many relays; answers when all of them have
-//                                  registered again
+//   keepalive              one for every registered stream; answers when all have replied
+//   open                   asks for every stream; answers when all relays are established
+//   paced MS RATE PIECES   camera to cloud, RATE frames a second of each stream, each of PIECES
+//                          writes of 1,400 bytes at once; the streams' frames are evenly spread
+//   bulk MS BOTH           as fast as it goes, camera to cloud or (BOTH 1) both ways
+//   end COUNT              the cloud closes that many relays; answers when all of them have
+//                          registered again
 //
-// The cloud's OPTIONS carries the stream's number as CSeq, by which the camera knows the stream.
-// PID is the relay, whose processor time is read at both ends of the measured time. Times in ns.
+// The last word of each command is the relay's process, whose processor time is read at both ends
+// of the measured time. The cloud's OPTIONS carries the stream's number as CSeq, by which the
+// camera knows the stream. Times in ns.
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <errno.h>
@@ -37,11 +38,12 @@
 
 enum {
   MAX_STREAMS = 64,
-  FRAME_SIZE = 1400,      // bytes, as a camera's RTP packets
-  STAMP_SIZE = 8,         // bytes of the send time at the start of each frame
+  PIECE_SIZE = 1400,      // bytes, as a camera's RTP packets
+  STAMP_SIZE = 8,         // bytes at the start of each piece: twice the send time, and 1 if it is
+                          // the last of its frame
   BULK_SIZE = 64 * 1024,  // bytes of one send or receive
   MESSAGE_SIZE = 2048,    // bytes of a request or an answer
-  MAX_SAMPLES = 1 << 20,  // latencies kept of one measurement
+  MAX_SAMPLES = 1 << 20,  // latencies kept of one series
 };
 static const int64_t SECOND = 1000000000;
 static const int64_t WARM_UP = 150000000;     // ns before a measurement
@@ -55,8 +57,13 @@ struct connection {
   enum kind kind;
   enum phase phase;
   int stream;       // 0-based, -1 until known
-  size_t in_frame;  // bytes of the current frame that have arrived
+  size_t in_piece;  // bytes of the current piece that have arrived
   char stamp[STAMP_SIZE];
+};
+
+struct series {
+  size_t count;
+  uint32_t ns[MAX_SAMPLES];
 };
 
 static int stream_count;
@@ -67,11 +74,10 @@ static struct connection *camera[MAX_STREAMS];
 static int64_t ended_at[MAX_STREAMS];     // when the cloud closed, 0: it did not
 static int64_t again_after[MAX_STREAMS];  // from there to the next registration
 static int registered, established, kept_alive;
-static bool bulk;               // frames are not looked at
+static bool bulk;               // pieces are not looked at
 static uint64_t sent, arrived;  // bytes relayed, both ways together
 static bool sampling;
-static uint32_t samples[MAX_SAMPLES];  // ns from send to arrival
-static size_t sample_count;
+static struct series pieces, last_pieces;  // from send to arrival; last of their frames
 static char bytes[BULK_SIZE];
 
 static void die(const char *format, ...) {
@@ -202,22 +208,28 @@ static void take_message(struct connection *connection) {
 
 // --- Relayed bytes -------------------------------------------------------------------------------
 
-static void take_frames(struct connection *connection, const char *data, size_t length) {
+static void add_sample(struct series *series, int64_t ns) {
+  if (series->count < MAX_SAMPLES) series->ns[series->count++] = (uint32_t)ns;
+}
+
+static void take_pieces(struct connection *connection, const char *data, size_t length) {
   const int64_t now = now_ns();
   while (length > 0) {
-    size_t part = FRAME_SIZE - connection->in_frame;
+    size_t part = PIECE_SIZE - connection->in_piece;
     if (part > length) part = length;
-    for (size_t i = 0; i < part && connection->in_frame + i < STAMP_SIZE; i++) {
-      connection->stamp[connection->in_frame + i] = data[i];
+    for (size_t i = 0; i < part && connection->in_piece + i < STAMP_SIZE; i++) {
+      connection->stamp[connection->in_piece + i] = data[i];
     }
-    connection->in_frame += part;
+    connection->in_piece += part;
     data += part;
     length -= part;
-    if (connection->in_frame < FRAME_SIZE) return;
-    connection->in_frame = 0;
+    if (connection->in_piece < PIECE_SIZE) return;
+    connection->in_piece = 0;
     int64_t stamp;
     memcpy(&stamp, connection->stamp, sizeof stamp);
-    if (sampling && sample_count < MAX_SAMPLES) samples[sample_count++] = (uint32_t)(now - stamp);
+    if (!sampling) continue;
+    add_sample(&pieces, now - stamp / 2);
+    if (stamp % 2 == 1) add_sample(&last_pieces, now - stamp / 2);
   }
 }
 
@@ -230,7 +242,7 @@ static void take_bytes(struct connection *connection) {
     return;
   }
   arrived += (uint64_t)received;
-  if (!bulk && connection->kind == CLOUD) take_frames(connection, bytes, (size_t)received);
+  if (!bulk && connection->kind == CLOUD) take_pieces(connection, bytes, (size_t)received);
 }
 
 static void handle(struct connection *connection, uint32_t events) {
@@ -291,18 +303,20 @@ static int compare(const void *a, const void *b) {
   return (x > y) - (x < y);
 }
 
-// The value below which that share of the samples lies; sorted samples.
-static uint32_t percentile(unsigned share) {
-  return sample_count ? samples[(sample_count - 1) * share / 100] : 0;
+// Sorts the samples: the value below which that share of them lies.
+static uint32_t percentile(struct series *series, unsigned share) {
+  qsort(series->ns, series->count, sizeof series->ns[0], compare);
+  return series->count ? series->ns[(series->count - 1) * share / 100] : 0;
 }
 
 static void report(const struct meter *start, pid_t relay) {
   const struct meter end = meter_read(relay);
-  qsort(samples, sample_count, sizeof samples[0], compare);
   printf("bytes=%" PRIu64 " relay_ns=%" PRId64 " own_ns=%" PRId64 " wall_ns=%" PRId64
-         " p50_ns=%" PRIu32 " p99_ns=%" PRIu32 "\n",
+         " p50_ns=%" PRIu32 " p99_ns=%" PRIu32 " last_p50_ns=%" PRIu32 " last_p99_ns=%" PRIu32 "\n",
          end.arrived - start->arrived, end.relay - start->relay, end.own - start->own,
-         end.wall - start->wall, percentile(50), percentile(99));
+         end.wall - start->wall, percentile(&pieces, 50), percentile(&pieces, 99),
+         percentile(&last_pieces, 50), percentile(&last_pieces, 99));
+  pieces.count = last_pieces.count = 0;
 }
 
 static void require(struct connection *const *connections) {
@@ -316,26 +330,24 @@ static void require_relays(void) {
   require(camera);
 }
 
-static void send_frame(struct connection *connection) {
-  char frame[FRAME_SIZE] = {0};
-  const int64_t now = now_ns();
-  memcpy(frame, &now, sizeof now);
-  for (size_t done = 0; done < sizeof frame;) {
+static void send_piece(struct connection *connection, bool is_last) {
+  char piece[PIECE_SIZE] = {0};
+  const int64_t stamp = 2 * now_ns() + is_last;
+  memcpy(piece, &stamp, sizeof stamp);
+  for (size_t done = 0; done < sizeof piece;) {
     const ssize_t count =
-        send(connection->fd, frame + done, sizeof frame - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+        send(connection->fd, piece + done, sizeof piece - done, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count > 0) done += (size_t)count;
     if (count < 0 && errno != EAGAIN) die("camera's send");
     if (count < 0) pump(now_ns() + SECOND / 1000);
   }
-  sent += sizeof frame;
+  sent += sizeof piece;
 }
 
-static void run_paced(int64_t duration, int64_t bit_rate, int burst, pid_t relay) {
-  const int64_t rounds_per_second = bit_rate / (8 * FRAME_SIZE);
-  const int64_t step = SECOND / (rounds_per_second * stream_count);
+static void run_paced(int64_t duration, int rate, int frame_pieces, pid_t relay) {
+  const int64_t step = SECOND / (rate * stream_count);
   const int64_t begin = now_ns();
   struct meter start = {0};
-  sample_count = 0;
   for (int64_t k = 0; begin + k * step < begin + WARM_UP + duration; k++) {
     const int64_t due = begin + k * step;
     do
@@ -346,12 +358,8 @@ static void run_paced(int64_t duration, int64_t bit_rate, int burst, pid_t relay
       sampling = true;
     }
     require_relays();
-    const int stream = (int)(k % stream_count);
-    send_frame(camera[stream]);
-    const bool is_burst =
-        k / stream_count % rounds_per_second == rounds_per_second * stream / stream_count;
-    for (int more = is_burst ? burst / FRAME_SIZE : 0; more > 0; more--)
-      send_frame(camera[stream]);
+    for (int i = 1; i <= frame_pieces; i++)
+      send_piece(camera[k % stream_count], i == frame_pieces);
   }
   PUMP_UNTIL(arrived == sent);
   sampling = false;
@@ -378,7 +386,6 @@ static void run_bulk(int64_t duration, bool both, pid_t relay) {
   watch_all(camera, EPOLLIN);
   watch_all(cloud, EPOLLIN);
   PUMP_UNTIL(arrived == sent);
-  sample_count = 0;
   report(&start, relay);
   bulk = false;
 }
@@ -412,22 +419,22 @@ static void run_end(int count) {
     drop(cloud[i]);
   }
   PUMP_UNTIL(registered == count);
-  sample_count = 0;
+  struct series *again = &pieces;
   for (int i = 0; i < count; i++)
-    samples[sample_count++] = (uint32_t)again_after[i];
-  qsort(samples, sample_count, sizeof samples[0], compare);
-  printf("median_ns=%" PRIu32 " max_ns=%" PRIu32 "\n", percentile(50), percentile(100));
+    add_sample(again, again_after[i]);
+  printf("median_ns=%" PRIu32 " max_ns=%" PRIu32 "\n", percentile(again, 50),
+         percentile(again, 100));
+  again->count = 0;
 }
 
 static void run_command(const char *line) {
-  int ms, number, pid;
-  long rate;
+  int ms, rate, number, pid;
   if (strncmp(line, "open", 4) == 0) {
     run_open();
   } else if (strncmp(line, "keepalive", 9) == 0) {
     require(cloud);
     run_keepalive();
-  } else if (sscanf(line, "paced %d %ld %d %d", &ms, &rate, &number, &pid) == 4) {
+  } else if (sscanf(line, "paced %d %d %d %d", &ms, &rate, &number, &pid) == 4) {
     run_paced(ms * (SECOND / 1000), rate, number, pid);
   } else if (sscanf(line, "bulk %d %d %d", &ms, &number, &pid) == 3) {
     run_bulk(ms * (SECOND / 1000), number != 0, pid);
@@ -443,7 +450,7 @@ int main(int argc, char **argv) {
   char line[256];
   if (argc != 5) return 2;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  prctl(PR_SET_TIMERSLACK, 1000UL);  // ns; frames are about 40 us apart
+  prctl(PR_SET_TIMERSLACK, 1000UL);  // ns; even writes are about 40 us apart
   stream_count = atoi(argv[1]);
   cloud_port = atoi(argv[2]);
   poller = epoll_create1(EPOLL_CLOEXEC);
