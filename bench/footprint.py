@@ -11,7 +11,7 @@ TIME_LIMIT = 120          # s for all of it
 STARTS = 7
 MEMORY_STARTS = 3         # one start differs from the next by a page or two
 RELAY_ENDS = 3            # of one relay, and of all of them at once
-PACED = "paced 500 45 1"
+PACED = "paced {} 45 1"    # ms; 0.5 Mbit/s on each stream
 
 IDLE_LIMIT = 720          # KiB of own pages, all streams registered
 RELAY_LIMIT = 25          # KiB of own pages that each relay adds
@@ -20,7 +20,7 @@ AGAIN_LIMIT = 250         # ms from the end of a relay to its stream's registrat
 
 IDLE = {"registered and idle": ["keepalive"]}
 STATES = {**IDLE,
-          "relaying video": ["open", PACED],
+          "relaying video": ["open", PACED.format(500)],
           "relaying, all buffers used both ways": ["bulk 300 1"],
           "registered again after all relays": [f"end {STREAMS}"]}
 
@@ -72,7 +72,7 @@ def measure_ends(kind: str, limit: float | None, verdicts: Verdicts) -> None:
 
 def end_relays(relay: Rig, count: int) -> dict[str, int]:
     relay.ask("open")
-    relay.ask("paced 50 45 1")
+    relay.ask(PACED.format(50))
     return relay.ask(f"end {count}")
 
 

@@ -59,7 +59,7 @@ class Rig:
     def __init__(self) -> None:
         self.processes: list[subprocess.Popen] = []
 
-    def set_up(self, kind: str, streams: int, http: bool, config: str) -> None:
+    def set_up(self, kind: str, streams: int, http: bool, niceness: int, config: str) -> None:
         cloud, camera = (7003, 7004) if kind == "plain" else (7001, 7002)
         balancer = BALANCER_PORT if kind == "agent" else 0
         self.load = self.start([BUILD / "load", streams, cloud, camera, balancer],
@@ -71,7 +71,7 @@ class Rig:
                        "-s", f"rtsp://127.0.0.1:{camera}/{{1-{streams}}}",
                        *(["-p", "7005"] if http else ["-n"])]
         begin = time.monotonic_ns()
-        self.relay = self.start(command)
+        self.relay = self.start(["nice", "-n", niceness, *command] if niceness else command)
         self.start_ms = (self.answer("at_ns")["at_ns"] - begin) / 1e6
 
     def start(self, command: list, **pipes) -> subprocess.Popen:
@@ -108,11 +108,12 @@ class Rig:
 
 
 @contextlib.contextmanager
-def rig(kind: str, streams: int = STREAMS, http: bool = False) -> Iterator[Rig]:
+def rig(kind: str, streams: int = STREAMS, http: bool = False,
+        niceness: int = 0) -> Iterator[Rig]:
     config = tempfile.mkdtemp(prefix="camera-agent-bench-")
     made = Rig()
     try:
-        made.set_up(kind, streams, http, config)
+        made.set_up(kind, streams, http, niceness, config)
         yield made
     finally:
         made.close()

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Both benchmarks, in about five minutes. Fails when a limit is missed.
+# Both benchmarks, in four minutes. Fails when a limit is missed.
 set -euo pipefail
 cd "$(dirname "$0")"
 
