@@ -63,7 +63,7 @@ def show(kinds: tuple[str, str], title: str, runs: list[tuple[Run, Run]], limit:
     for name, value in figures.items():
         one, other = (statistics.median(value(pair[side]) for pair in runs) for side in (0, 1))
         ratios = [value(pair[0]) / value(pair[1]) for pair in runs]
-        low, middle, high = statistics.quantiles(ratios, n=4)
+        low, middle, high = statistics.quantiles(ratios, n=4, method="inclusive")
         is_limited = value is cost and kinds[0] == "agent"
         verdicts.figure(f"{name:<30}{one:>8.2f}{other:>10.2f}", middle, "",
                         limit if is_limited else None, f"half in {low:.2f} to {high:.2f}")
