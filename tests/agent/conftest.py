@@ -6,6 +6,9 @@ address is built into the agent, so every pytest process, and with -n every work
 network namespace of its own: that takes root, and several suites may run at the same time.
 """
 
+import subprocess
+from pathlib import Path
+
 import pytest
 
 import harness
@@ -27,3 +30,24 @@ def rig(tmp_path):
     yield rig
     problems = rig.close()
     assert not problems, "\n".join(problems)
+
+
+@pytest.fixture(scope="session")
+def clock_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("clock") / "clock.so"
+    source = Path(__file__).with_name("clock.c")
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, source], check=True)
+    return library
+
+
+@pytest.fixture
+def hurry(rig, clock_library):
+    """The agent's pauses take no time, where it is a program that can be preloaded."""
+    if harness.PRELOADABLE:
+        rig.clock = harness.Clock(rig.directory, clock_library)
+    return rig.clock
+
+
+@pytest.fixture
+def clock(hurry):
+    return hurry or pytest.skip("a static or sanitized program cannot be preloaded")

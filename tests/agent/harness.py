@@ -7,6 +7,7 @@ scripted camera, a scripted cloud and its balancer, and lends their connections 
 import contextlib
 import ctypes
 import fcntl
+import mmap
 import os
 import queue
 import re
@@ -18,6 +19,7 @@ import subprocess
 import sys
 import threading
 import time
+from datetime import datetime, timezone
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -28,8 +30,10 @@ from scripted import (CloudConnection, Connection, Request, ScriptedBalancer,  #
                       ScriptedCamera, ScriptedCloud, http_answer, never_read)
 
 BINARY = Path(os.environ.get("CAMERA_AGENT", ROOT / "build" / "release" / "camera-agent")).resolve()
-_SANITIZERS = set(re.findall(rb"__([at]san)_init", BINARY.read_bytes()) if BINARY.exists() else ())
+_CODE = BINARY.read_bytes() if BINARY.exists() else b""
+_SANITIZERS = set(re.findall(rb"__([at]san)_init", _CODE))
 SANITIZED = bool(_SANITIZERS)
+PRELOADABLE = b"GLIBC_2." in _CODE and not SANITIZED
 STOP_LIMIT = 4.0 if SANITIZED else 2.0      # seconds from the signal to the exit
 RETURN_LIMIT = 3.0 if SANITIZED else 1.3    # from the end of a relay to registered again
 CLOUD_ID = "cloud-id_0001"
@@ -57,13 +61,38 @@ def wait_until(condition, timeout: float = 10, what: str = "condition") -> None:
         time.sleep(0.005)
 
 
+class Clock:
+    """The time of the agents that are started with its environment, see clock.c."""
+
+    WALL = datetime(2040, 2, 13, 4, 5, 6, 500_000, timezone.utc)    # where it stands at first
+
+    def __init__(self, directory: Path, library: Path):
+        shared = directory / "clock"
+        shared.write_bytes(struct.pack("qqq", 0, int(self.WALL.timestamp() * 1000) * 10**6, 0))
+        with shared.open("r+b") as file:
+            self._values = memoryview(mmap.mmap(file.fileno(), 0)).cast("q")
+        self.environment = {"LD_PRELOAD": str(library), "TEST_CLOCK": str(shared)}
+
+    def now(self) -> int:
+        """Whole seconds skipped so far."""
+        return round(self._values[0] / 1e9)
+
+    def skip(self, seconds: int) -> None:
+        self._values[0] += seconds * 10**9
+
+    def shorten_time_outs(self, milliseconds: int) -> None:
+        """From here on: those of 5 s and more."""
+        self._values[2] = milliseconds
+
+
 class Agent:
     """The binary, started; the log comes as "LEVEL message" without the time stamps."""
 
-    def __init__(self, *arguments: str, stderr=None):
+    def __init__(self, *arguments: str, stderr=None, prefix=(), environment={}):
         self.process = subprocess.Popen(
-            [BINARY, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=stderr or subprocess.PIPE, env={**SANITIZER_ENVIRONMENT, **os.environ})
+            [*prefix, BINARY, *map(str, arguments)], stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=stderr or subprocess.PIPE,
+            env={**SANITIZER_ENVIRONMENT, **os.environ, **environment})
         self.pid = self.process.pid
         self.text = ""                  # all of standard error so far
         self.status: int | None = None
@@ -187,6 +216,7 @@ class Rig:
         self.camera = self.peers.enter_context(ScriptedCamera(self._lend))
         self.cloud = self.peers.enter_context(ScriptedCloud())
         self.balancer: ScriptedBalancer | None = None
+        self.clock: Clock | None = None
         self.agents: list[Agent] = []
         self._lent: dict[str, queue.Queue] = {}
         self._lock = threading.Lock()
@@ -198,6 +228,8 @@ class Rig:
         return self.balancer
 
     def run(self, *arguments: str, **keywords) -> Agent:
+        if self.clock:
+            keywords["environment"] = self.clock.environment | keywords.get("environment", {})
         agent = Agent(*arguments, **keywords)
         self.agents.append(agent)
         return agent
@@ -206,10 +238,11 @@ class Rig:
         streams = [x for url in urls or (self.camera.url(),) for x in ("-s", url)]
         return ["-c", str(self.directory), "-v", vendor, "-m", model, *streams]
 
-    def start(self, *urls: str, options=("-d", "-n"), **values) -> Agent:
+    def start(self, *urls: str, options=("-d", "-n"), vendor="Maker", model="Cam-1",
+              **keywords) -> Agent:
         if not self.balancer:
             self.balance()
-        return self.run(*options, *self.arguments(*urls, **values))
+        return self.run(*options, *self.arguments(*urls, vendor=vendor, model=model), **keywords)
 
     # Relays: the camera's connections are lent to the test, which works on both ends.
 

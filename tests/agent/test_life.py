@@ -264,3 +264,16 @@ def test_web_server_port_taken(rig):
                         "ERROR Failed to bind server socket: Address already in use",
                         "ERROR Failed to start web server", "INFO Starting proxy cleanup",
                         "INFO Web server already stopped", *ENDED]
+
+
+def test_stream_that_cannot_be_started(rig):
+    """The ones behind it are not attempted."""
+    agent = rig.start(rig.camera.url("/1"), "http://127.0.0.1:1/2", rig.camera.url("/3"))
+    assert agent.wait() == 1
+    log = without_times(agent.log())
+    start = log.index("INFO Proxy initialized successfully with 3 streams")
+    of_first = re.compile("DEBUG Stream 1 |INFO Stream 1 |DEBUG REGISTER=")
+    assert [line for line in log[start + 1:] if not of_first.match(line)] == [
+        "ERROR Failed to parse RTSP URL: http://127.0.0.1:1/2",
+        "DEBUG Stream 2 error: [-2] Failed to parse RTSP URL", "ERROR Failed to start stream",
+        "INFO Starting proxy cleanup", "DEBUG Stream 2 status change: error -> offline", *ENDED]
