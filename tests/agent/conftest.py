@@ -35,7 +35,7 @@ def rig(tmp_path):
 @pytest.fixture(scope="session")
 def clock_library(tmp_path_factory):
     library = tmp_path_factory.mktemp("clock") / "clock.so"
-    source = Path(__file__).with_name("clock.c")
+    source = Path(__file__).parent / "preload" / "clock.c"
     subprocess.run(["cc", "-shared", "-fPIC", "-o", library, source], check=True)
     return library
 

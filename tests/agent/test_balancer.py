@@ -12,7 +12,7 @@ HEADERS = ("Host: 127.0.0.1\r\nConnection: close\r\nContent-Type: text/xml\r\n"
 RETRY = {True: "INFO Retrying cloud ID fetch in 1 seconds",
          False: "INFO Retrying cloud server resolution in 1 seconds"}
 DONE = {True: "DEBUG Fetched new cloud ID from the API server",
-        False: "DEBUG Resolved cloud server: 127.0.0.1:{}"}
+        False: "DEBUG Resolved cloud server: 127.0.0.1"}
 
 
 def header(size: int, end: str = "\r\n\r\n", status: str = "HTTP/1.1 200 OK") -> bytes:
@@ -29,26 +29,12 @@ def in_two_sends(data: bytes, at: int):
     return answer
 
 
-def run_to_registration(rig, ask_id: bool, *wrong):
-    """Answers `wrong` first, then right; the agent's log from the first attempt on."""
-    if ask_id:
-        (rig.directory / "cloud.id").unlink()
-    server = http_answer(f"127.0.0.1|{rig.cloud.port}")
-    rig.balance(*wrong, *([http_answer(CLOUD_ID)] if ask_id else []), server)
-    agent = rig.start()
-    rig.cloud.accept(timeout=15)
-    agent.wait_for("registered in the cloud")
-    log = agent.log()
-    first = "Failed to read cloud ID from" if ask_id else "Successfully obtained cloud ID"
-    return log[next(i for i, line in enumerate(log) if first in line) + 1:]
-
-
 SIZE = "ERROR Invalid response size or incomplete: {}".format
 STATUS = "ERROR Invalid HTTP response: {}".format
+SILENCE = "ERROR Receive error: Resource temporarily unavailable"
 BOTH = [
-    (http_answer("abcd|1", status="404 Not Found"), STATUS(404)),
-    (http_answer("abcd|1", status="204 No Content"), STATUS(204)),
-    (http_answer("abcd|1", status="2x0 ").ljust(64), STATUS(2)),
+    (lambda connection, _request: connection.wait_closed(15), SILENCE),
+    (http_answer("abcdefgh|1", status="204 No Content"), STATUS(204)),
     (b"RTSP" + http_answer("abcdefgh|1")[4:], STATUS(0)),
     (b"", SIZE(0)),
     (header(63), SIZE(63)),
@@ -56,9 +42,7 @@ BOTH = [
 ]
 ID_ONLY = [
     (http_answer("ABC_-12"), "ERROR Invalid ID length: 7"),
-    (http_answer("x" * 51), "ERROR Invalid ID length: 51"),
     (http_answer("dotted.id"), None),
-    (http_answer(""), None),
     (header(64), None),
     (header(64, end="\r\n"), "ERROR Malformed response - no body delimiter"),
     (header(5000, end=""), SIZE(4096)),
@@ -68,25 +52,30 @@ SERVER_ONLY = [
     (header(64), "ERROR No message field in response"),
     (in_two_sends(http_answer("h|1"), http_answer("h|1").index(b"{")),
      "ERROR No message field in response"),
-    (http_answer(""), "ERROR Invalid message format"),
-    (http_answer("h|80").removesuffix(b'"}'), "ERROR Invalid message format"),
-    *((http_answer(value), "ERROR Invalid server info format") for value in ("h80", "|80", "h|")),
-    (http_answer("h" * 256 + "|80"), "ERROR Invalid host length"),
-    (http_answer("h_1|80"), "ERROR Invalid character in hostname"),
-    *((http_answer("h|" + port), "ERROR Invalid port number") for port in ("0", "65536", "12ab")),
+    (http_answer("h|65536"), "ERROR Invalid port number"),
     (header(4096), "ERROR Response too large"),
 ]
-WRONG = [(ask_id, *row) for rows, kinds in ((BOTH, (True, False)), (ID_ONLY, (True,)),
-                                            (SERVER_ONLY, (False,)))
-         for ask_id in kinds for row in rows]
+WRONG = [(ask_id, *row) for ask_id, rows in ((True, BOTH + ID_ONLY), (False, BOTH + SERVER_ONLY))
+         for row in rows]
 
 
 @pytest.mark.parametrize("ask_id, answer, message", WRONG, ids=[
     f"{'id' if ask_id else 'server'}: {message}" for ask_id, _, message in WRONG])
-def test_wrong_answer_is_retried_after_a_second(rig, ask_id, answer, message):
-    log = run_to_registration(rig, ask_id, answer)
-    expected = [*([message] if message else []), RETRY[ask_id], DONE[ask_id].format(rig.cloud.port)]
-    assert log[:len(expected)] == expected
+def test_wrong_answer_is_retried(rig, hurry, ask_id, answer, message):
+    if hurry and message == SILENCE:
+        hurry.shorten_time_outs(500)
+    if ask_id:
+        (rig.directory / "cloud.id").unlink()
+    right = [http_answer(CLOUD_ID)] * ask_id + [http_answer(f"127.0.0.1|{rig.cloud.port}")]
+    rig.balance(answer, *right)
+    agent = rig.start()
+    rig.cloud.accept(timeout=15)
+    log = agent.log()
+    first = "Failed to read cloud ID from" if ask_id else "Successfully obtained cloud ID"
+    start = next(i for i, line in enumerate(log) if first in line) + 1
+    expected = [*[message][:message is not None], RETRY[ask_id], DONE[ask_id]]
+    assert [line.removesuffix(f":{rig.cloud.port}") for line in log[start:]][:len(expected)] == \
+        expected
     assert rig.balancer.requests[0] == rig.balancer.requests[1]
 
 
@@ -98,25 +87,17 @@ def drip(connection, _request) -> None:
     connection.wait_closed()
 
 
-def test_requests_byte_for_byte_and_answers_in_pieces(rig):
+def test_requests_byte_for_byte_and_answers_in_pieces(rig, hurry):
     """The header's blank line may come in pieces, and the server's body without a length."""
     (rig.directory / "cloud.id").unlink()
     server = (f'HTTP/1.0 200\r\nX-Info: "message":"127.0.0.1|{rig.cloud.port}"\r\n'
               "X-More: to reach the 64 bytes that are the least\r\n\r\n").encode()
     in_pieces = in_two_sends(http_answer("x" * 50), http_answer("x" * 50).index(b"\r\n\r\n{") + 4)
     rig.balance(drip, in_pieces, http_answer("x" * 50), in_two_sends(server, len(server) - 2))
-    agent = rig.start(vendor="A B%s&c", model="Cam/ü")
+    rig.start(vendor="A B%s&c", model="Cam/ü")
     assert rig.cloud.accept(timeout=15).fields["cloudid"] == "x" * 50 + "/1"
     ask_id = f"GET /balancer/uuid HTTP/1.1\r\n{HEADERS}".encode()
     ask_server = (f"GET /balancer/server/{'x' * 50}?vendor=A B%s&c&model=Cam/ü HTTP/1.1\r\n"
                   f"{HEADERS}").encode()
     # Dripped and in pieces, the blank line comes before the body: twice too late for the ID.
     assert rig.balancer.requests == [ask_id] * 3 + [ask_server]
-    agent.wait_for("Retrying cloud ID fetch in 2 seconds")
-
-
-def test_silent_balancer_gets_five_seconds(rig):
-    began = time.monotonic()
-    log = run_to_registration(rig, False, lambda connection, _: connection.wait_closed(15))
-    assert log[:2] == ["ERROR Receive error: Resource temporarily unavailable", RETRY[False]]
-    assert 5.5 < time.monotonic() - began < 9

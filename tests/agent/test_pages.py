@@ -13,6 +13,17 @@ from scripted import Connection
 PORT = 8282
 NOT_FOUND = (b"HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"
              b"404 Not Found\n")
+ANSWERED_404 = [
+    *(f"GET {target} HTTP/1.1\r\n\r\n".encode() for target in (
+        "//", "/api", "/api/channels/", "/streams#", "/cloudid?", "/Cloudid", "/%73tats", "*",
+        "http://127.0.0.1/", "stats", "/%s%n", "/" * 300)),
+    b"GET /\r\n\r\n",
+    b"GET /sta",                                        # a part is answered as it is
+    b"\r\n",
+    b"\0GET / HTTP/1.1\r\n\r\n",
+    b"\xff" * 100,
+    b"GET /nonsense HTTP/1.1\r\nX: " + b"x" * 30_000,   # mostly unread, and yet no reset
+]
 JSON_HEADER = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
                b"Access-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods: GET, OPTIONS\r\n"
                b"Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
@@ -31,13 +42,17 @@ def connect(receive_buffer: int | None = None) -> Connection:
     return Connection(sock)
 
 
-def ask(target: str, method: str = "GET") -> bytes:
+def ask_raw(request: bytes) -> bytes:
     client = connect()
-    client.send(f"{method} {target} HTTP/1.1\r\nHost: 127.0.0.1:{PORT}\r\n\r\n".encode())
+    client.send(request)
     try:
         return client.recv_all()
     finally:
         client.close()
+
+
+def ask(target: str, method: str = "GET") -> bytes:
+    return ask_raw(f"{method} {target} HTTP/1.1\r\nHost: 127.0.0.1:{PORT}\r\n\r\n".encode())
 
 
 def serve(rig, *urls, options=()):
@@ -106,9 +121,31 @@ def test_responses_and_routes(rig, legacy):
         assert page.count('class="stream-checkbox"') == len(CHANNELS)
     else:
         assert f"name=\"data\" value='{document.decode().replace('&', '&amp;')}'" in page
-    for target in ("//", "/api", "/api/channels/", "/streams#", "/cloudid?", "/Cloudid", "/%73tats",
-                   "http://127.0.0.1/", "stats", "*"):
-        assert ask(target) == NOT_FOUND, target
+
+
+def test_requests_and_clients_of_all_kinds(rig):
+    agent = rig.start(options=["-d", f"--http-port={PORT + 65536}"])
+    agent.wait_for(f"Web server started on port {PORT}")
+    agent.wait_for("connecting -> registered")
+    before = agent.descriptors()
+    for request in ANSWERED_404:
+        assert ask_raw(request) == NOT_FOUND, request[:40]
+    began = time.monotonic()
+    silent = connect()
+    assert silent.recv() == b""
+    assert 1.8 < time.monotonic() - began < 6
+    half_closed = connect()
+    half_closed.half_close()
+    assert half_closed.recv() == b""
+    connect().close()
+    for reset in (False, True):     # gone before the answer
+        gone = connect()
+        gone.send(ANSWERED_404[0])
+        gone.close(reset)
+    assert ask("/nonsense") == NOT_FOUND
+    for client in (silent, half_closed):
+        client.close()
+    wait_until(lambda: agent.descriptors() == before, what="close of every client")
 
 
 @pytest.fixture

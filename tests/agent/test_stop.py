@@ -8,7 +8,7 @@ import threading
 import pytest
 
 from harness import STOP_LIMIT, Agent, DroppingListener, Rig, flood, wait_until
-from scripted import http_answer, no_answer, ok_answer, status_answer
+from scripted import http_answer, no_answer, status_answer
 
 MANY = 64
 OPTIONS_MISSED = ["error: [71] Failed to receive OPTIONS from cloud",
@@ -175,31 +175,3 @@ def test_stop(rig, state, count, lines, unnumbered):
     assert of_stream == {number: lines for number in of_stream}
     times = 1 if state is serving_a_silent_browser else count
     assert sorted(rest) == sorted(["Starting proxy cleanup", *unnumbered * times])
-
-
-def test_stop_in_all_states_at_once(rig):
-    """64 streams, eight in each state."""
-    def of_group(request) -> int:
-        return (int(request.path.removeprefix("/cam")) - 1) // 8
-
-    listener = rig.peers.enter_context(DroppingListener())
-    rig.camera.probe = lambda request: {0: b"no", 1: None}.get(of_group(request),
-                                                               ok_answer(request))
-    rig.camera.handshake = lambda request: None if of_group(request) == 2 else ok_answer(request)
-    agent = rig.start(rig.camera.url("/cam{1-56}"),
-                      f"rtsp://127.0.0.1:{listener.port}/dropped{{57-64}}",
-                      options=["-d", "-p", "0"])
-    for number in range(17, 25):            # handshaking with a silent camera
-        rig.cloud.accept(number).send_options()
-    for number in range(25, 33):            # waiting for OPTIONS
-        rig.cloud.accept(number).keepalive()
-    for number in range(33, 41):
-        begin_at_both_ends(rig, number, keep_sending, keep_reading)
-    for number in range(41, 49):            # with peers that do not read
-        begin_at_both_ends(rig, number, flood)
-    for number in range(49, 57):            # backing off
-        rig.cloud.accept(number).close()
-    agent.wait_for("registered -> streaming", 16)
-    agent.wait_for("Connection closed by peer during registration", 8)
-    assert agent.stop() < STOP_LIMIT
-    assert agent.log()[-1] == "DEBUG Freeing configuration resources"

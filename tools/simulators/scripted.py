@@ -24,19 +24,15 @@ ScriptedBalancer(answers, port=8111)
     in the list takes the connection over. .requests: the requests received, as bytes.
 
 ScriptedCamera(behaviour=silent, port=0, probe=ok_answer, handshake=ok_answer, timeout=10)
-    behaviour(connection, request)  what happens after a handshake that was answered with 200, or
-                                    a dict {path: behaviour}: the request's path names the stream
+    behaviour(connection, request)  what happens after a handshake that was answered with 200
     probe, handshake                request -> the answer as bytes, b"" to close without an
                                     answer, None to stay silent until the agent gives up; the
                                     agent's probe is told by its User-Agent
     .probes .requests               requests received so far; .url(path="/stream", user="") -> str
-    .wait_requests(n, timeout=10)   waits until n handshakes have come
     Request: .raw .url .path .user (what stood before "@") .cseq
     Answers: ok_answer, status_answer("404 Not Found"), fixed_answer(data), no_answer, hang_up
-    Behaviours: silent, echo, never_read, hang_up_after(n) (reads n bytes, then closes),
-                bulk(n, seed=0) (sends pattern(n, seed), then closes),
-                stream(bit_rate, limit=None) (interleaved frames, paced, until closed)
-    pattern(n, seed=0) -> bytes     the same n bytes every time; frames(n) -> n framed bytes
+    Behaviours: silent, echo, never_read
+    pattern(n, seed=0) -> bytes     the same n bytes every time
 
 ScriptedCloud(port=0, timeout=10, receive_buffer=None)
     .accept(number=None, timeout=10) -> CloudConnection: the next registered connection, or the
@@ -320,18 +316,6 @@ def pattern(n: int, seed: int = 0) -> bytes:
     return random.Random(seed).randbytes(n)
 
 
-def frames(n: int, size: int = 1400) -> bytes:
-    """`n` bytes of interleaved frames on channel 0, counted from 0 in their first 4 bytes."""
-    out = bytearray()
-    count = 0
-    while len(out) < n:
-        length = min(size, max(n - len(out) - 4, 4))
-        payload = count.to_bytes(4, "big") + bytes(max(length - 4, 0))
-        out += b"$\x00" + len(payload).to_bytes(2, "big") + payload
-        count += 1
-    return bytes(out[:n])
-
-
 def silent(connection: Connection, _request: Request) -> None:
     connection.timeout = 3600
     connection.wait_closed()
@@ -349,56 +333,17 @@ def never_read(connection: Connection, _request: Request) -> None:
         time.sleep(0.05)
 
 
-def hang_up_after(n: int) -> Behaviour:
-    def run(connection: Connection, _request: Request) -> None:
-        left = n
-        while left > 0 and (data := connection.recv(left)):
-            left -= len(data)
-    return run
-
-
-def bulk(n: int, seed: int = 0) -> Behaviour:
-    def run(connection: Connection, _request: Request) -> None:
-        connection.timeout = 120
-        connection.send(pattern(n, seed))
-        connection.half_close()
-        connection.wait_closed()
-    return run
-
-
-def stream(bit_rate: int, limit: int | None = None) -> Behaviour:
-    """Frames at `bit_rate` bits a second, in about 50 bursts a second, `limit` bytes in all."""
-    def run(connection: Connection, _request: Request) -> None:
-        connection.timeout = 120
-        began, sent = time.monotonic(), 0
-        burst = frames(max(bit_rate // 8 // 50, 64))
-        while limit is None or sent < limit:
-            data = burst if limit is None else burst[:limit - sent]
-            connection.send(data)
-            sent += len(data)
-            time.sleep(max(began + sent * 8 / bit_rate - time.monotonic(), 0))
-        connection.half_close()
-        connection.wait_closed()
-    return run
-
-
 class ScriptedCamera(ScriptedServer):
-    def __init__(self, behaviour: Behaviour | dict[str, Behaviour] = silent, port: int = 0,
+    def __init__(self, behaviour: Behaviour = silent, port: int = 0,
                  probe: Answer = ok_answer, handshake: Answer = ok_answer, timeout: float = 10):
         self.behaviour = behaviour
         self.probe, self.handshake = probe, handshake   # may be changed while the camera runs
         self.probes: list[Request] = []
         self.requests: list[Request] = []
-        self._arrived = threading.Condition()
         super().__init__(self._serve, port, timeout)
 
     def url(self, path: str = "/stream", user: str = "") -> str:
         return f"rtsp://{user + '@' if user else ''}127.0.0.1:{self.port}{path}"
-
-    def wait_requests(self, n: int, timeout: float = 10) -> None:
-        with self._arrived:
-            assert self._arrived.wait_for(lambda: len(self.requests) >= n, timeout), \
-                f"{len(self.requests)} of {n} handshakes within {timeout} s"
 
     def _serve(self, connection: Connection) -> None:
         data = connection.recv()
@@ -409,9 +354,7 @@ class ScriptedCamera(ScriptedServer):
         end = data.index(BLANK_LINE) + len(BLANK_LINE)
         request, connection._held = Request(data[:end]), data[end:]
         is_probe = b"\r\nUser-Agent: Camera Proxy\r\n" in request.raw
-        with self._arrived:
-            (self.probes if is_probe else self.requests).append(request)
-            self._arrived.notify_all()
+        (self.probes if is_probe else self.requests).append(request)
         answer = (self.probe if is_probe else self.handshake)(request)
         if answer is None:
             silent(connection, request)
@@ -420,12 +363,7 @@ class ScriptedCamera(ScriptedServer):
             if is_probe or b" 200 " not in answer:
                 connection.wait_closed()
             else:
-                self._behaviour_of(request)(connection, request)
-
-    def _behaviour_of(self, request: Request) -> Behaviour:
-        if isinstance(self.behaviour, dict):
-            return self.behaviour.get(request.path, silent)
-        return self.behaviour
+                self.behaviour(connection, request)
 
 
 # Cloud
