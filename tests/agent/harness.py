@@ -66,7 +66,7 @@ class Clock:
 
     def __init__(self, directory: Path, library: Path):
         shared = directory / "clock"
-        shared.write_bytes(struct.pack("qqq", 0, int(self.WALL.timestamp() * 1000) * 10**6, 0))
+        shared.write_bytes(struct.pack("qqq", 0, int(self.WALL.timestamp() * 1000) * 10**6, 1))
         with shared.open("r+b") as file:
             self._values = memoryview(mmap.mmap(file.fileno(), 0)).cast("q")
         self.environment = {"LD_PRELOAD": str(library), "TEST_CLOCK": str(shared)}
@@ -78,14 +78,10 @@ class Clock:
     def skip(self, seconds: int) -> None:
         self._values[0] += seconds * 10**9
 
-    def shorten_time_outs(self, milliseconds: int) -> None:
-        """From here on: those of 5 s and more."""
-        self._values[2] = milliseconds
-
-    def stop_skipping(self) -> None:
-        """Returns when every pause that begins takes its time."""
-        self._values[2] = -1
-        time.sleep(0.1)
+    def set_pace(self, pace: int) -> None:
+        """By which time-outs pass faster; at 0 pauses pass by real time, from the return on."""
+        self._values[2] = pace
+        time.sleep(0.1 if pace == 0 else 0)
 
 
 class Agent:

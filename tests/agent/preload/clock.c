@@ -20,7 +20,7 @@ enum { MS = 1000000, SECOND = 1000 * MS, GLANCE = 20 * MS };  // ns
 struct Shared {  // with the test
   _Atomic int64_t skipped;  // ns by which the clocks have been put forward
   int64_t wall;             // ns since the epoch at which the wall clock stands, skips aside
-  int64_t patience;  // ms that stand for a time-out of 5 s or more, if above 0; -1 skips nothing
+  int64_t pace;             // by which time-outs pass faster; at 0 pauses pass by real time
 };
 static struct Shared *shared;
 
@@ -55,40 +55,48 @@ time_t time(time_t *out) {
   return now;
 }
 
+// Puts the clocks forward by what a wait that came to its end has left out.
+static int waited(int result, int ended, int64_t left_out) {
+  if (ended) shared->skipped += left_out;
+  return result;
+}
+
 int pthread_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
                            const struct timespec *deadline) {
   const int64_t now = real_time(CLOCK_MONOTONIC);
   const int64_t left = joined(deadline) - shared->skipped - now;
-  const int skips = left > SECOND / 2 && shared->patience >= 0;
-  const struct timespec end = split(now + (skips ? GLANCE : left > 0 ? left : 0));
+  const int64_t wait = left > SECOND / 2 && shared->pace > 0 ? GLANCE : left > 0 ? left : 0;
+  const struct timespec end = split(now + wait);
   const int result = pthread_cond_clockwait(condition, mutex, CLOCK_MONOTONIC, &end);
-  if (result != 0 && skips) shared->skipped += left;
-  return result;
+  return waited(result, result != 0 && wait == GLANCE, left);
+}
+
+static int poll_for(int64_t ns, struct pollfd *fds, nfds_t count, const sigset_t *mask) {
+  struct timespec wait = split(ns);
+  return (int)syscall(SYS_ppoll, fds, count, ns < 0 ? NULL : &wait, mask, sizeof(uint64_t));
 }
 
 // A pause of the main thread: it may not hurry on while others live by real time.
 int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *wait, const sigset_t *mask) {
-  const int skips =
-      __libc_single_threaded && joined(wait) > SECOND / 2 && shared->patience >= 0;
-  struct timespec real = split(skips ? GLANCE : joined(wait));
-  const int result = (int)syscall(SYS_ppoll, fds, count, &real, mask, sizeof(uint64_t));
-  if (result == 0 && skips) shared->skipped += joined(wait);
-  return result;
+  const int skips = __libc_single_threaded && joined(wait) > SECOND / 2 && shared->pace > 0;
+  const int result = poll_for(skips ? GLANCE : joined(wait), fds, count, mask);
+  return waited(result, result == 0 && skips, joined(wait));
 }
 
 int poll(struct pollfd *fds, nfds_t count, int timeout) {
-  const int skips = shared->patience > 0 && timeout >= 5000;
-  struct timespec real = split((skips ? shared->patience : timeout) * MS);
-  const int result =
-      (int)syscall(SYS_ppoll, fds, count, timeout < 0 ? NULL : &real, NULL, sizeof(uint64_t));
-  if (result == 0 && skips) shared->skipped += timeout * (int64_t)MS;
-  return result;
+  const int64_t wait = timeout * (int64_t)MS / (shared->pace > 0 ? shared->pace : 1);
+  const int result = poll_for(wait, fds, count, NULL);
+  return waited(result, result == 0, timeout * (int64_t)MS - wait);
 }
 
 int setsockopt(int socket, int level, int option, const void *value, socklen_t size) {
-  const struct timeval shorter = {0, shared->patience * 1000};
-  const int is_time_out = level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO);
-  if (is_time_out && shared->patience > 0 && ((const struct timeval *)value)->tv_sec >= 5)
-    value = &shorter;
+  struct timeval time;
+  if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO)) {
+    time = *(const struct timeval *)value;
+    if (time.tv_sec >= 5 && shared->pace > 1)
+      time = (struct timeval){time.tv_sec / shared->pace,
+                              time.tv_sec % shared->pace * 1000000 / shared->pace};
+    value = &time;
+  }
   return (int)syscall(SYS_setsockopt, socket, level, option, value, size);
 }
