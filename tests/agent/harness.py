@@ -72,7 +72,7 @@ class Clock:
         self.environment = {"LD_PRELOAD": str(library), "TEST_CLOCK": str(shared)}
 
     def now(self) -> int:
-        """Whole seconds skipped so far."""
+        """Whole seconds by which it is ahead of the real one."""
         return round(self._values[0] / 1e9)
 
     def skip(self, seconds: int) -> None:

@@ -179,22 +179,24 @@ def test_clients_that_vanish(rig, small_buffers):
             assert html(ask("/streams")).count('class="stream-checkbox"') == 64
 
 
-@pytest.mark.heavy
-@pytest.mark.parametrize("trickle, least, most", [(0, 4.5, 9), (500, 29, 38)])
-def test_clients_that_dawdle(rig, small_buffers, trickle, least, most):
+@pytest.mark.parametrize("taken, seconds", [(0, 5), (500, 30)])
+def test_clients_that_dawdle(rig, clock, small_buffers, taken, seconds):
     """One takes nothing for 5 s; one takes some bytes all the time, but not all in 30 s."""
+    clock.set_pace(0)
     agent = serve(rig, MANY, options=("-l",))
     client = slow_client("/streams")
-    began = time.monotonic()
-    while "Write failed: " not in agent.text and time.monotonic() < began + 60:
-        if trickle:
-            client.recv(trickle)
-        time.sleep(0.5)
-    dropped = agent.wait_for("ERROR] Write failed: Connection timed out\n")
+    began = time.monotonic() - clock.now()
+    while "Write failed: " not in agent.text:
+        if taken:
+            client.recv(taken)
+        time.sleep(0.25)
+        clock.skip(1)
+    passed = time.monotonic() + clock.now() - began
+    agent.wait_for("Write failed: Connection timed out\n")
     agent.wait_for("ERROR] Failed to send http response\n")
     assert html(ask("/streams"))
     client.close()
-    assert least < dropped - began < most
+    assert seconds <= passed < seconds + 6
 
 
 def test_stop_while_a_client_dawdles(rig, small_buffers):
@@ -205,15 +207,8 @@ def test_stop_while_a_client_dawdles(rig, small_buffers):
     client.close()
 
 
-def processor_seconds(agent) -> float:
-    nanoseconds = 0
-    for task in Path(f"/proc/{agent.pid}/task").iterdir():
-        nanoseconds += int((task / "schedstat").read_text().split()[0])
-    return nanoseconds / 1e9
-
-
 def test_a_thousand_requests(rig):
-    """Descriptors and memory stay as they are, and a page of 64 streams takes under 5 ms."""
+    """Descriptors and memory stay as they are."""
     agent = serve(rig, MANY, options=("-l", "-g"))
     targets = [*HTML, "/streams", "/api/channels"]
     for target in targets * 20:
@@ -222,11 +217,5 @@ def test_a_thousand_requests(rig):
     for target in targets * 200:
         assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
     wait_until(lambda: agent.descriptors() <= descriptors, what="no more descriptors")
-    if SANITIZED:
-        return      # they keep memory of their own, and take their time
-    assert agent.memory_kib("Pss_Anon") - memory < 128
-    for target in ("/streams", "/stats"):
-        before = processor_seconds(agent)
-        for _ in range(50):
-            ask(target)
-        assert (processor_seconds(agent) - before) / 50 < 0.005
+    if not SANITIZED:       # they keep memory of their own
+        assert agent.memory_kib("Pss_Anon") - memory < 128
