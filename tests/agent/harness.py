@@ -179,10 +179,10 @@ class Agent:
         """The agent's own: the thread sanitizer adds one."""
         return len(os.listdir(f"/proc/{self.pid}/task")) - (b"tsan" in _SANITIZERS)
 
-    def memory_kib(self, kind: str = "Pss") -> int:
-        """Pss in all, or with "Pss_Anon" without the files, whose share depends on others."""
+    def memory_kib(self) -> int:
+        """Without that of files, whose share depends on other programs."""
         rollup = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
-        return int(re.search(rf"^{kind}:\s+(\d+) kB", rollup, re.M)[1])
+        return int(re.search(r"^Pss_Anon:\s+(\d+) kB", rollup, re.M)[1])
 
 
 def assert_merged(log: list[str], *threads: list[str]) -> None:
@@ -273,31 +273,17 @@ class Rig:
                            if "no registration before the close: got 0 bytes" not in str(error)]
 
 
-class DroppingListener:
+class DroppingListener(contextlib.ExitStack):
     """Its backlog is full: on loopback, attempts to connect are dropped without an answer."""
 
     def __init__(self, port: int = 0):
-        self.sockets = [socket.socket() for _ in range(4)]
-        listener, *clients = self.sockets
-        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        listener.bind(("127.0.0.1", port))
-        listener.listen(0)
+        super().__init__()
+        listener = self.enter_context(socket.create_server(("127.0.0.1", port), backlog=0))
         self.port = listener.getsockname()[1]
-        for client in clients:
+        for _ in range(3):
+            client = self.enter_context(socket.socket())
             client.setblocking(False)
             client.connect_ex(("127.0.0.1", self.port))
-        with socket.socket() as probe:
-            probe.settimeout(0.2)
-            with contextlib.suppress(TimeoutError):
-                probe.connect(("127.0.0.1", self.port))
-                raise AssertionError("the backlog is not full")
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        for sock in self.sockets:
-            sock.close()
 
 
 class FinWatch:

@@ -1,4 +1,4 @@
-"""A stream's way to its relay: the probe, the registration, the cloud's messages, the handshake."""
+"""A stream's way to its relay: the registration, the cloud's messages, the handshake."""
 
 import socket
 import time
@@ -15,32 +15,6 @@ OFFLINE = "DEBUG Stream 1 status change: error -> offline"
 def since(log: list[str], text: str) -> list[str]:
     """What comes behind the first line that has `text`."""
     return log[next(i for i, line in enumerate(log) if text in line) + 1:]
-
-
-@pytest.mark.parametrize("authority, path, login, password, request_user", [
-    ("", "/live?x={1}&y=%s%n", "", "", ""),
-    ("us%er:p:a\"'ss%d{}@", "/%2F/a\\b@", "us%er", "p:a\"'ss%d{}", "us%er:p:a\"'ss%d{}@"),
-    ("admin@", "", "admin", "", "admin:@"),
-])
-def test_camera_url_in_every_message(rig, authority, path, login, password, request_user):
-    """Probe, registration, rewritten request and log of one camera URL, byte for byte."""
-    place = f"127.0.0.1:{rig.camera.port}"
-    agent = rig.start(f"rtsp://{authority}{place}{path}", vendor='V%s"%n', model="M%d\\")
-    cloud = rig.cloud.accept()
-    path = path or "/"
-    probe = (f"OPTIONS rtsp://{place}{path} RTSP/1.0\r\nCSeq: 1\r\n"
-             "User-Agent: Camera Proxy\r\n\r\n").encode()
-    assert rig.camera.probes[0].raw == probe
-    registration = (f'REGISTER={{"cloudid":"{CLOUD_ID}/1","login":"{login}","password":"{password}"'
-                    f',"uri":"{path}","model":"M%d\\","vendor":"V%s"%n"}}').encode()
-    assert cloud.registration == registration
-    agent.wait_for("Stream 1 registered in the cloud")
-    assert "DEBUG " + registration.decode("latin-1") in agent.log()
-    rest = b"CSeq: 77\r\nUser-Agent: 100%s CSeq: no\r\nX-Bytes: \xff\x80\r\n\r\n"
-    cloud.send(b"OPTIONS rtsp://cloud/x RTSP/1.0\r\nX-Before: dropped\r\n" + rest)
-    cloud.recv_until(b"\r\n\r\n")
-    assert rig.camera.requests[0].raw == \
-        f"OPTIONS rtsp://{request_user}{place}{path} RTSP/1.0\r\n".encode() + rest
 
 
 def test_messages_of_the_cloud(rig):

@@ -21,34 +21,17 @@ def send_in_pieces(connection: Connection, data: bytes, sizes: range) -> None:
         at += size
 
 
-def receive_in_pieces(connection: Connection, sizes: range, pause: float, result: dict) -> None:
-    choice, data = random.Random(2), b""
-    while data := connection.recv(choice.choice(sizes)):
-        result[connection] += data
-        time.sleep(pause)
-
-
-@pytest.mark.parametrize("size, pieces, pause, receive_buffer", [
-    (40 * MIB, range(65536, 65537), 0, None),
-    (10 * MIB, range(1, 65536), 0.005, 32768),
-    (48 * 1024, range(1, 7), 0, None),
-], ids=["large", "slow readers", "tiny pieces"])
-def test_bytes_arrive_unchanged(rig, size, pieces, pause, receive_buffer):
-    """In both directions at once, in pieces of random sizes."""
+@pytest.mark.parametrize("size, pieces", [(40 * MIB, range(1, 300_000)), (48 * 1024, range(1, 7))])
+def test_bytes_arrive_unchanged(rig, size, pieces):
+    """Both ends send at once, in pieces of random sizes; one of them is only read later."""
     rig.start()
     ends = camera, cloud = rig.relay()
-    outgoing = {camera: pattern(size, 1), cloud: pattern(size + 4321)}
-    arrived = {end: bytearray() for end in ends}
+    data = {camera: pattern(size, 1), cloud: pattern(size + 4321)}
     for end in ends:
         end.timeout = 60
-        if receive_buffer:
-            end.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        for target, arguments in ((send_in_pieces, (outgoing[end], pieces)),
-                                  (receive_in_pieces, (pieces, pause, arrived))):
-            threading.Thread(target=target, args=(end, *arguments), daemon=True).start()
-    for end, other in ((camera, cloud), (cloud, camera)):
-        wait_until(lambda: len(arrived[end]) >= len(outgoing[other]), 60, "all bytes")
-        assert arrived[end] == outgoing[other]
+        threading.Thread(target=send_in_pieces, args=(end, data[end], pieces), daemon=True).start()
+    cloud.expect(data[camera])
+    camera.expect(data[cloud])
 
 
 @pytest.mark.parametrize("camera_sends", [True, False])

@@ -18,7 +18,7 @@ def test_64_streams_from_one_option(rig):
     wait_until(lambda: rig.cloud.registered_count == 64, what="registrations")
     wait_until(lambda: agent.threads() == MAIN + HTTP_SERVER + 64, what="threads")
     idle_descriptors = agent.descriptors()
-    idle = agent.memory_kib("Pss_Anon")     # without files, whose share depends on other programs
+    idle = agent.memory_kib() 
     ends = {}
     for number in numbers:
         camera, cloud = rig.relay(number, f"/cam{number}")
@@ -26,7 +26,7 @@ def test_64_streams_from_one_option(rig):
         ends[number] = camera, cloud
     wait_until(lambda: agent.threads() == MAIN + HTTP_SERVER + 2 * 64, what="threads")
     assert agent.descriptors() == idle_descriptors + 64
-    relaying = agent.memory_kib("Pss_Anon")
+    relaying = agent.memory_kib()
     for number, (camera, cloud) in ends.items():
         camera.send(pattern(100_000, number))
         cloud.send(pattern(50_000, -number))
@@ -69,7 +69,7 @@ def test_thousand_short_relays_leave_nothing_behind(rig):
                 result.result()
         wait_until(lambda: rig.cloud.registered_count == expected, what="registrations")
         wait_until(lambda: agent.threads() == MAIN + HTTP_SERVER + streams, what="end of threads")
-        return agent.descriptors(), agent.threads(), agent.memory_kib("Pss_Anon")
+        return agent.descriptors(), agent.threads(), agent.memory_kib()
 
     wait_until(lambda: rig.cloud.registered_count == streams, what="registrations")
     before = run(warm_up)

@@ -3,47 +3,15 @@
 All listen on 127.0.0.1, on `port` (0: any free one, then see .port), and are context managers.
 Leaving the `with` block ends their threads and raises the first AssertionError of a behaviour.
 
-Connection(sock, timeout=10)        one accepted connection; every call has the deadline `timeout`
-    .recv(size=65536) -> bytes      one receive; b"" when the peer has closed or reset
-    .recv_until(marker) -> bytes    up to and with the marker; what follows stays for later
-    .recv_exactly(n) -> bytes       .recv_all() -> bytes, until the peer closes
-    .send(data)                     .close(reset=False)    .half_close() (ends sending only)
-    .expect(data)                   the next bytes are exactly these
-    .expect_closed()                the peer closes and sends nothing before that
-    .expect_silence(seconds)        nothing comes for so long, and the peer does not close
-    .wait_closed(timeout=None)      reads and forgets until the peer closes
-
-ScriptedServer(behaviour, port=0, timeout=10, receive_buffer=None)
-    behaviour(connection) runs on a thread per connection; the connection closes when it returns.
-    .port  .connections (all so far)  .errors (AssertionErrors of behaviours)  .close()
-    receive_buffer: bytes, small values make the agent's sends block early.
-
-ScriptedBalancer(answers, port=8111)
-    answers: whole responses as bytes, one per connection, the last one for all later ones; make
-    them with http_answer(message, status="200 OK", headers=""). A callable(connection, request)
-    in the list takes the connection over. .requests: the requests received, as bytes.
-
-ScriptedCamera(behaviour=silent, port=0, probe=ok_answer, handshake=ok_answer, timeout=10)
-    behaviour(connection, request)  what happens after a handshake that was answered with 200
-    probe, handshake                request -> the answer as bytes, b"" to close without an
-                                    answer, None to stay silent until the agent gives up; the
-                                    agent's probe is told by its User-Agent
-    .probes .requests               requests received so far; .url(path="/stream", user="") -> str
-    Request: .raw .url .path .user (what stood before "@") .cseq
-    Answers: ok_answer, status_answer("404 Not Found"), fixed_answer(data), no_answer, hang_up
-    Behaviours: silent, echo, never_read
-    pattern(n, seed=0) -> bytes     the same n bytes every time
-
-ScriptedCloud(port=0, timeout=10, receive_buffer=None)
-    .accept(number=None, timeout=10) -> CloudConnection: the next registered connection, or the
-                                    next one of that stream number; .registered_count so far
-CloudConnection(Connection)
-    .registration                   the message, byte for byte
-    .fields                         its values by key (cloudid, login, password, uri, model, vendor)
-    .number                         the stream number
-    .keepalive()                    sends one and expects exactly "ok"
-    .send_options(cseq=1, extra="") -> the request sent
-    .start_relay(cseq=1, extra="") -> the camera's answer, up to its blank line
+ScriptedServer      behaviour(connection) runs on a thread per connection, which closes at its end
+ScriptedBalancer    answers: whole responses as bytes (see http_answer), one per connection, the
+                    last one for all later ones; a callable(connection, request) among them takes
+                    the connection over
+ScriptedCamera      behaviour(connection, request) runs after a handshake answered with 200;
+                    probe, handshake: request -> the answer, b"" to close without one, None to
+                    stay silent; the agent's probe is told by its User-Agent
+ScriptedCloud       .accept(number) lends the test a registered connection of that stream
+Every call of a Connection, which is one accepted connection, has its deadline.
 """
 
 import random
@@ -81,44 +49,31 @@ class Connection:
         except OSError:      # closed by the test's end
             return b""
 
-    def _fill(self, enough: Callable[[bytes], int], wanted: str) -> bytes:
+    def _fill(self, enough: Callable[[bytearray], int], wanted: str) -> bytes:
         """Receives until `enough` gives the length to take, keeping the rest."""
         deadline = time.monotonic() + self.timeout
-        chunks, data = [], self._held
+        data = bytearray(self._held)
         self._held = b""
         while (end := enough(data)) < 0:
             try:
-                chunk = self._recv_before(deadline)
+                chunk, reason = self._recv_before(deadline, 1 << 20), "before the close"
             except TimeoutError:
                 chunk, reason = b"", f"within {self.timeout} s"
-            else:
-                reason = "before the close"
             if not chunk:
-                shown = data if len(data) < 300 else data[:300] + b"..."
-                raise AssertionError(f"no {wanted} {reason}: got {len(data)} bytes {shown!r}")
+                raise AssertionError(
+                    f"no {wanted} {reason}: got {len(data)} bytes {bytes(data[:300])!r}")
             data += chunk
-        self._held = data[end:]
-        return data[:end]
+        self._held = bytes(data[end:])
+        return bytes(data[:end])
 
     def recv_until(self, marker: bytes) -> bytes:
-        def end(data: bytes) -> int:
+        def end(data: bytearray) -> int:
             at = data.find(marker)
             return at if at < 0 else at + len(marker)
         return self._fill(end, f"{marker!r}")
 
     def recv_exactly(self, n: int) -> bytes:
-        data = bytearray(self._held[:n])
-        self._held = self._held[n:]
-        deadline = time.monotonic() + self.timeout
-        while len(data) < n:
-            try:
-                chunk = self._recv_before(deadline, min(n - len(data), 1 << 20))
-            except TimeoutError:
-                chunk = b""
-            if not chunk:
-                raise AssertionError(f"got {len(data)} of {n} bytes: {bytes(data[:300])!r}")
-            data += chunk
-        return bytes(data)
+        return self._fill(lambda data: n if len(data) >= n else -1, f"{n} bytes")
 
     def recv_all(self) -> bytes:
         data = bytearray(self._held)
