@@ -44,8 +44,9 @@ def test_a_run_with_one_relay(rig, debug):
     rig.camera.probe = ok_answer        # the first probe stays silent and gets 2 s
     first = rig.cloud.accept()
     wait_status("1")
-    registration = (f'REGISTER={{"cloudid":"{NEW_ID}/1","login":"us%er","password":"p:a"\'ss%s{{}}",'
-                    '"uri":"/a%20b?c=%d\\","model":"M%d\\","vendor":"V%s"%n"}')
+    registration = (f'REGISTER={{"cloudid":"{NEW_ID}/1","login":"us%er",'
+                    '"password":"p:a"\'ss%s{}","uri":"/a%20b?c=%d\\","model":"M%d\\",'
+                    '"vendor":"V%s"%n"}')
     assert first.registration.decode() == registration
     assert rig.camera.probes[0].raw == (f"OPTIONS {rig.camera.url(PATH)} RTSP/1.0\r\nCSeq: 1\r\n"
                                         "User-Agent: Camera Proxy\r\n\r\n").encode()
