@@ -13,7 +13,7 @@ main() {
     ensure_packages cmake ninja-build g++ clang clang-format clang-tidy libgtest-dev binutils \
         python3 python3-pytest python3-pytest-xdist python3-selenium python3-gi iproute2 openssl \
         gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
-        gstreamer1.0-plugins-bad ffmpeg chromium chromium-driver fonts-dejavu-core
+        gstreamer1.0-plugins-bad ffmpeg strace chromium chromium-driver fonts-dejavu-core
     step "style" check_style
     for preset in release dev asan tsan; do step "build $preset" build $preset; done
     step "binary" scripts/check_symbols.sh
