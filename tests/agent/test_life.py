@@ -30,7 +30,7 @@ def test_a_run_with_one_relay(rig, debug):
     """Start, keepalive, relay, its end, registered again, stop; the status file beside it."""
     (rig.directory / "cloud.id").unlink()
     rig.balance(http_answer(NEW_ID), http_answer(f"127.0.0.1|{rig.cloud.port}"))
-    rig.camera.probe = lambda _request: None
+    rig.camera.probe = None
     url = rig.camera.url(PATH, "us%er:p:a\"'ss%s{}")
     options = [*["-d"][:debug], "-p", "18282", "-f", str(rig.status_file)]
     agent = rig.start(url, options=options, vendor='V%s"%n', model="M%d\\")

@@ -7,7 +7,7 @@ import pytest
 
 import test_stop
 from harness import SANITIZED, DroppingListener, flood, wait_until
-from scripted import fixed_answer, pattern
+from scripted import pattern
 
 
 def times(agent, text: str) -> list[int]:
@@ -159,7 +159,7 @@ def test_traffic(rig, clock):
     """Sent is what camera and cloud get in the handshake, and the camera's bytes to the cloud."""
     size, chunk, mebibyte = 8000, 8192, 1 << 20
     answer = b"RTSP/1.0 200 OK\r\nX: ".ljust(size - 4, b"x") + b"\r\n\r\n"
-    rig.camera.handshake = fixed_answer(answer)
+    rig.camera.handshake = answer
     agent = rig.start(options=["-d", "-p", "18282"], environment={"TZ": "XYZ-9:30"})
     cloud = rig.cloud.accept()
     cloud.start_relay(extra="X: " + "y" * (size - 200) + "\r\n")

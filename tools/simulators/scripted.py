@@ -8,8 +8,8 @@ ScriptedBalancer    answers: whole responses as bytes (see http_answer), one per
                     last one for all later ones; a callable(connection, request) among them takes
                     the connection over
 ScriptedCamera      behaviour(connection, request) runs after a handshake answered with 200;
-                    probe, handshake: request -> the answer, b"" to close without one, None to
-                    stay silent; the agent's probe is told by its User-Agent
+                    probe, handshake: the answer or a function of the request that gives it, b""
+                    to close without one, None to stay silent; User-Agent tells the probe
 ScriptedCloud       .accept(number) lends the test a registered connection of that stream
 Every call of a Connection, which is one accepted connection, has its deadline.
 """
@@ -106,8 +106,8 @@ class Connection:
             return
         raise AssertionError(f"expected silence, got {got[:300]!r}" if got else "peer closed")
 
-    def wait_closed(self, timeout: float | None = None) -> None:
-        deadline = time.monotonic() + (self.timeout if timeout is None else timeout)
+    def wait_closed(self, timeout: float = 10) -> None:
+        deadline = time.monotonic() + timeout
         try:
             while self._recv_before(deadline):
                 pass
@@ -130,25 +130,20 @@ class Connection:
 
 
 class ScriptedServer:
+    connection_type = Connection
+
     def __init__(self, behaviour: Callable[[Connection], None], port: int = 0,
-                 timeout: float = 10, receive_buffer: int | None = None):
-        self.timeout = timeout
+                 receive_buffer: int | None = None):
         self.connections: list[Connection] = []
         self.errors: list[AssertionError] = []
         self.closing = threading.Event()
         self._behaviour = behaviour
-        self._listener = socket.socket()
-        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._listener = socket.create_server(("127.0.0.1", port), backlog=128)
         if receive_buffer:
             self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self._listener.bind(("127.0.0.1", port))
-        self._listener.listen(128)
         self.port: int = self._listener.getsockname()[1]
         self._threads = [threading.Thread(target=self._accept, daemon=True)]
         self._threads[0].start()
-
-    def make_connection(self, sock: socket.socket) -> Connection:
-        return Connection(sock, self.timeout)
 
     def _accept(self) -> None:
         while True:
@@ -157,7 +152,7 @@ class ScriptedServer:
             except OSError:
                 return
             sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            connection = self.make_connection(sock)
+            connection = self.connection_type(sock)
             self.connections.append(connection)
             thread = threading.Thread(target=self._run, args=(connection,), daemon=True)
             self._threads.append(thread)
@@ -207,11 +202,11 @@ def http_answer(message: str, status: str = "200 OK", headers: str = "") -> byte
 
 
 class ScriptedBalancer(ScriptedServer):
-    def __init__(self, answers: list, port: int = 8111, timeout: float = 10):
+    def __init__(self, answers: list, port: int = 8111):
         self.answers = list(answers)
         self.requests: list[bytes] = []
         self._turn = threading.Lock()
-        super().__init__(self._serve, port, timeout)
+        super().__init__(self._serve, port)
 
     def _serve(self, connection: Connection) -> None:
         request = connection.recv_until(BLANK_LINE)
@@ -233,14 +228,12 @@ class Request:
         self.raw = raw
         line = raw.split(b"\r\n", 1)[0].decode("latin-1")
         self.url = line.partition(" ")[2].rpartition(" ")[0]
-        place, slash, path = self.url.removeprefix("rtsp://").rpartition("@")[2].partition("/")
-        self.path = slash + path
-        self.user = self.url.removeprefix("rtsp://").rpartition("@")[0]
+        self.path = "/" + self.url.removeprefix("rtsp://").rpartition("@")[2].partition("/")[2]
         cseq = re.search(rb"CSeq:\s*(\d+)", raw)
         self.cseq = int(cseq[1]) if cseq else 0
 
 
-Answer = Callable[[Request], bytes | None]
+Answer = bytes | None | Callable[[Request], bytes | None]
 Behaviour = Callable[[Connection, Request], None]
 
 
@@ -251,29 +244,12 @@ def ok_answer(request: Request) -> bytes:
             "Server: scripted camera\r\nDate: Thu, 01 Jan 1970 00:00:00 GMT\r\n\r\n").encode()
 
 
-def status_answer(status: str) -> Answer:
-    return lambda request: f"RTSP/1.0 {status}\r\nCSeq: {request.cseq}\r\n\r\n".encode()
-
-
-def fixed_answer(data: bytes) -> Answer:
-    return lambda _request: data
-
-
-def no_answer(_request: Request) -> None:
-    return None
-
-
-def hang_up(_request: Request) -> bytes:
-    return b""
-
-
 def pattern(n: int, seed: int = 0) -> bytes:
     return random.Random(seed).randbytes(n)
 
 
 def silent(connection: Connection, _request: Request) -> None:
-    connection.timeout = 3600
-    connection.wait_closed()
+    connection.wait_closed(3600)
 
 
 def echo(connection: Connection, _request: Request) -> None:
@@ -289,13 +265,13 @@ def never_read(connection: Connection, _request: Request) -> None:
 
 
 class ScriptedCamera(ScriptedServer):
-    def __init__(self, behaviour: Behaviour = silent, port: int = 0,
-                 probe: Answer = ok_answer, handshake: Answer = ok_answer, timeout: float = 10):
+    def __init__(self, behaviour: Behaviour = silent, port: int = 0):
         self.behaviour = behaviour
-        self.probe, self.handshake = probe, handshake   # may be changed while the camera runs
+        self.probe: Answer = ok_answer      # both may be changed while the camera runs
+        self.handshake: Answer = ok_answer
         self.probes: list[Request] = []
         self.requests: list[Request] = []
-        super().__init__(self._serve, port, timeout)
+        super().__init__(self._serve, port)
 
     def url(self, path: str = "/stream", user: str = "") -> str:
         return f"rtsp://{user + '@' if user else ''}127.0.0.1:{self.port}{path}"
@@ -310,7 +286,9 @@ class ScriptedCamera(ScriptedServer):
         request, connection._held = Request(data[:end]), data[end:]
         is_probe = b"\r\nUser-Agent: Camera Proxy\r\n" in request.raw
         (self.probes if is_probe else self.requests).append(request)
-        answer = (self.probe if is_probe else self.handshake)(request)
+        answer = self.probe if is_probe else self.handshake
+        if callable(answer):
+            answer = answer(request)
         if answer is None:
             silent(connection, request)
         elif answer:
@@ -357,14 +335,13 @@ class CloudConnection(Connection):
 class ScriptedCloud(ScriptedServer):
     """Pull-style: the test takes registered connections and says what happens on them."""
 
-    def __init__(self, port: int = 0, timeout: float = 10, receive_buffer: int | None = None):
+    connection_type = CloudConnection
+
+    def __init__(self, port: int = 0, receive_buffer: int | None = None):
         self._waiting: list[CloudConnection] = []
         self._arrived = threading.Condition()
         self.registered_count = 0
-        super().__init__(self._register, port, timeout, receive_buffer)
-
-    def make_connection(self, sock: socket.socket) -> CloudConnection:
-        return CloudConnection(sock, self.timeout)
+        super().__init__(self._register, port, receive_buffer)
 
     def _register(self, connection: Connection) -> None:
         assert isinstance(connection, CloudConnection)
