@@ -43,8 +43,7 @@ def clock_library(tmp_path_factory):
 @pytest.fixture
 def hurry(rig, clock_library):
     """The agent's pauses take no time, where it is a program that can be preloaded."""
-    if harness.PRELOADABLE:
-        rig.clock = harness.Clock(rig.directory, clock_library)
+    rig.clock = harness.Clock(rig.directory, clock_library) if harness.PRELOADABLE else None
     return rig.clock
 
 

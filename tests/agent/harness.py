@@ -284,26 +284,3 @@ class DroppingListener(contextlib.ExitStack):
             client = self.enter_context(socket.socket())
             client.setblocking(False)
             client.connect_ex(("127.0.0.1", self.port))
-
-
-class FinWatch:
-    """Sees the first FIN or reset that the agent sends to each of some ports, as the wire does."""
-
-    def __init__(self, *ports: int):
-        self.ports = ports
-        ethertype_ipv4 = 0x0800
-        self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(ethertype_ipv4))
-        self.sock.bind(("lo", ethertype_ipv4))
-        self.sock.settimeout(10)
-
-    def wait(self) -> list[tuple[int, float]]:
-        """(port, time) in the order of the wire, once every port has had its turn."""
-        seen: dict[int, float] = {}
-        while len(seen) < len(self.ports):
-            packet = self.sock.recv(65536)
-            tcp = packet[(packet[0] & 15) * 4:]
-            port = int.from_bytes(tcp[2:4], "big")
-            fin_or_reset = 0x01 | 0x04
-            if packet[9] == socket.IPPROTO_TCP and port in self.ports and tcp[13] & fin_or_reset:
-                seen.setdefault(port, time.monotonic())
-        return list(seen.items())

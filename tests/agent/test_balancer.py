@@ -75,25 +75,16 @@ def test_wrong_answer_is_retried(rig, hurry, ask_id, answer, message):
     assert rig.balancer.requests[0] == rig.balancer.requests[1]
 
 
-def drip(connection, _request) -> None:
-    for byte in http_answer("drip-id_").ljust(300):
-        connection.send(bytes([byte]))
-        time.sleep(0.002)
-    connection.half_close()
-    connection.wait_closed()
-
-
 def test_requests_byte_for_byte_and_answers_in_pieces(rig, hurry):
     """The header's blank line may come in pieces, and the server's body without a length."""
     (rig.directory / "cloud.id").unlink()
     server = (f'HTTP/1.0 200\r\nX-Info: "message":"127.0.0.1|{rig.cloud.port}"\r\n'
               "X-More: to reach the 64 bytes that are the least\r\n\r\n").encode()
-    in_pieces = in_two_sends(http_answer("x" * 50), http_answer("x" * 50).index(b"\r\n\r\n{") + 4)
-    rig.balance(drip, in_pieces, http_answer("x" * 50), in_two_sends(server, len(server) - 2))
+    new_id = http_answer("x" * 50)
+    rig.balance(in_two_sends(new_id, new_id.index(b"\r\n{") - 1), in_two_sends(server, -2))
     rig.start(vendor="A B%s&c", model="Cam/ü")
     assert rig.cloud.accept(timeout=15).fields["cloudid"] == "x" * 50 + "/1"
-    ask_id = f"GET /balancer/uuid HTTP/1.1\r\n{HEADERS}".encode()
-    ask_server = (f"GET /balancer/server/{'x' * 50}?vendor=A B%s&c&model=Cam/ü HTTP/1.1\r\n"
-                  f"{HEADERS}").encode()
-    # Dripped and in pieces, the blank line comes before the body: twice too late for the ID.
-    assert rig.balancer.requests == [ask_id] * 3 + [ask_server]
+    assert rig.balancer.requests == [
+        f"GET /balancer/uuid HTTP/1.1\r\n{HEADERS}".encode(),
+        (f"GET /balancer/server/{'x' * 50}?vendor=A B%s&c&model=Cam/ü HTTP/1.1\r\n"
+         f"{HEADERS}").encode()]
