@@ -49,10 +49,9 @@ int clock_gettime(clockid_t clock, struct timespec *now) {
   return 0;
 }
 
-time_t time(time_t *out) {
-  const time_t now = (shared->wall + shared->skipped) / SECOND;
-  if (out) *out = now;
-  return now;
+time_t time(time_t *unused) {
+  (void)unused;
+  return (shared->wall + shared->skipped) / SECOND;
 }
 
 // Puts the clocks forward by what a wait that came to its end has left out.
