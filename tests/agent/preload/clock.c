@@ -17,7 +17,7 @@
 
 enum { MS = 1000000, SECOND = 1000 * MS, GLANCE = 20 * MS };  // ns
 
-struct Shared {  // with the test
+struct Shared {             // with the test
   _Atomic int64_t skipped;  // ns by which the clocks have been put forward
   int64_t wall;             // ns since the epoch at which the wall clock stands, skips aside
   int64_t pace;             // by which time-outs pass faster; at 0 pauses pass by real time
