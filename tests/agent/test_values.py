@@ -123,10 +123,10 @@ SOCKETS = {     # in the order of one cycle: what is set, around connect() and t
 }
 
 
-def traced_sockets(directory) -> list[str]:
-    """What strace has seen each socket's own thread do; one file per thread, main first."""
+def traced_sockets(directory, main: int) -> list[str]:
+    """What strace has seen each socket's own thread do, the main thread's sockets first."""
     sockets: list[str] = []
-    for trace in sorted(directory.glob("trace.*"), key=lambda path: int(path.suffix[1:])):
+    for trace in sorted(directory.glob("trace.*"), key=lambda path: path.suffix != f".{main}"):
         places = {}     # in `sockets`, of the thread's descriptors
         for call, number, rest in re.findall(r"^(\w+)\((\w+)(.*)", trace.read_text(), re.M):
             if call == "socket":
@@ -151,7 +151,7 @@ def test_socket_options(rig):
     camera.send(b"media")
     cloud.expect(b"media")
     agent.stop()
-    for (name, expected), seen in zip(SOCKETS.items(), traced_sockets(rig.directory)):
+    for (name, expected), seen in zip(SOCKETS.items(), traced_sockets(rig.directory, agent.pid)):
         # What the kernel holds back is pushed by setting TCP_NODELAY once more.
         assert re.sub("(?<=media )(TCP_NODELAY=1 )+$", "", seen) == expected, name
 
