@@ -12,6 +12,7 @@
 #include "core/workers.h"
 #include "stream/stream_thread.h"
 #include "web/http_server.h"
+#include "web/routes.h"
 
 static constexpr int RUN_LOOP_STEP_S = 1;
 
@@ -36,7 +37,7 @@ static bool start_threads(const AgentConfig &config) {
     log_message(LOG_ERROR, "Failed to start stream");
     return false;
   }
-  if (config.http_enabled && !http_server_start(config.http_port)) {
+  if (config.http_enabled && !http_server_start(config.http_port, register_routes)) {
     log_message(LOG_ERROR, "Failed to start web server");
     return false;
   }

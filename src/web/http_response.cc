@@ -13,10 +13,10 @@
 #include "web/assets.h"
 #include "web/template.h"
 
-static constexpr size_t FRAMING_ROOM = 256;          // bytes beside the body
-static constexpr size_t ERROR_PAGE_CAPACITY = 1024;  // bytes
-static constexpr int64_t RESPONSE_LIMIT = 30'000;    // ms for the whole of a response
-static constexpr int64_t STALL_LIMIT = 5'000;        // ms in which a client takes nothing
+static constexpr size_t FRAMING_ROOM = 256;           // bytes beside the body
+static constexpr size_t ERROR_PAGE_CAPACITY = 1024;   // bytes
+static constexpr int64_t RESPONSE_LIMIT_MS = 30'000;  // for the whole of a response
+static constexpr int64_t STALL_LIMIT_MS = 5'000;      // in which a client takes nothing
 
 // Server to client.
 static constexpr char HTML_HEADER[] =
@@ -25,6 +25,7 @@ static constexpr char HTML_HEADER[] =
     "Content-Length: %zu\r\n"
     "Connection: close\r\n"
     "\r\n";
+// The document is for pages of any origin too. It has no length: its end is the close.
 static constexpr char JSON_HEADER[] =
     "HTTP/1.1 200 OK\r\n"
     "Content-Type: application/json\r\n"
@@ -45,6 +46,7 @@ static constexpr std::string_view FULL_ERROR =
     "Connection: close\r\n"
     "\r\n"
     "Internal Server Error";
+// In front of the error page too, which browsers tell by its markup: it needs no memory.
 static constexpr std::string_view BARE_ERROR =
     "HTTP/1.1 500 Internal Server Error\r\n"
     "\r\n";
@@ -69,14 +71,14 @@ static void drop_client(int socket) {
 // Each write returns after the socket's send time-out at the latest, a fraction of the limits.
 bool http_write_all(int socket, const char *bytes, size_t length) {
   std::string_view rest(bytes, length);
-  const int64_t end = monotonic_ms() + RESPONSE_LIMIT;
-  int64_t stall_end = monotonic_ms() + STALL_LIMIT;
+  const int64_t end = monotonic_ms() + RESPONSE_LIMIT_MS;
+  int64_t stall_end = monotonic_ms() + STALL_LIMIT_MS;
   while (!rest.empty()) {
     const ssize_t written = write(socket, rest.data(), rest.size());
     const int64_t now = monotonic_ms();
     if (written > 0) {
       rest.remove_prefix(static_cast<size_t>(written));
-      stall_end = now + STALL_LIMIT;
+      stall_end = now + STALL_LIMIT_MS;
     } else if (!can_go_on(written)) {
       return false;
     }
@@ -100,12 +102,14 @@ bool http_send_html(int socket, const StringBuilder *page) {
     return false;
   }
   if (!http_write_all(socket, response->data, response->length)) {
-    // No error page can follow on a connection that takes no more bytes.
     log_message(LOG_ERROR, "Failed to send http response");
   }
+  // True all the same: no error page can follow on a connection that takes no more bytes.
   return true;
 }
 
+// Unlike a page, a list that was not written whole is a failure: the handler then tries to send the
+// error page on the same connection, which drop_client lets fail at once.
 bool http_send_json(int socket, const StringBuilder *document) {
   const StringBuilderOwner response(string_builder_create(document->length + FRAMING_ROOM));
   return response && string_builder_append(response.get(), JSON_HEADER) &&
@@ -121,7 +125,7 @@ void http_send_error(int socket, const char *message) {
     }
     return;
   }
-  const TemplateField fields[] = {{"message", message}};
+  const TemplateField fields[] = {{"message", message, Escape::NONE}};
   if (!template_append(page.get(), ASSET_ERROR_HTML, fields)) {
     if (!write_text(socket, BARE_ERROR)) {
       log_message(LOG_ERROR, "Failed to send minimal error response");

@@ -19,27 +19,26 @@
 #include "core/signals.h"
 #include "core/text.h"
 #include "web/http_response.h"
-#include "web/routes.h"
 
 static constexpr int LISTEN_BACKLOG = 10;
-static constexpr int WAIT_TIMEOUT = 1000;           // ms between looks at `running`
-static constexpr time_t RECEIVE_TIMEOUT = 2;        // seconds a client may take to send its request
-static constexpr suseconds_t SEND_SLICE = 250'000;  // microseconds of a write between two looks
-static constexpr size_t REQUEST_SIZE = 8192;        // bytes, terminator included
-static constexpr int DRAIN_TIME = 500;              // ms given to a client to close first
-static constexpr size_t DRAIN_BYTES = 65536;        // bytes of an overlong request thrown away
-static constexpr int ACCEPT_PAUSE = 100;            // ms when descriptors or memory have run out
+static constexpr int WAIT_TIMEOUT_MS = 1000;           // between looks at `running`
+static constexpr time_t RECEIVE_TIMEOUT_S = 2;         // a client may take to send its request
+static constexpr suseconds_t SEND_SLICE_US = 250'000;  // of a write between two looks
+static constexpr size_t REQUEST_SIZE = 8192;           // bytes, terminator included
+static constexpr int DRAIN_TIME_MS = 500;              // given to a client to close first
+static constexpr size_t DRAIN_BYTES = 65536;           // of an overlong request thrown away
+static constexpr int ACCEPT_PAUSE_MS = 100;            // after a failure that is likely to stay
 
 HttpServer http_server;
 
 // --- One client, on the server thread ------------------------------------------------------------
 
 static void set_client_timeouts(int socket) {
-  const timeval receive = {.tv_sec = RECEIVE_TIMEOUT, .tv_usec = 0};
+  const timeval receive = {.tv_sec = RECEIVE_TIMEOUT_S, .tv_usec = 0};
   if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &receive, sizeof receive) != 0) {
     log_message(LOG_ERROR, "Failed to set socket receive timeout: %s", strerror(errno));
   }
-  const timeval send = {.tv_sec = 0, .tv_usec = SEND_SLICE};
+  const timeval send = {.tv_sec = 0, .tv_usec = SEND_SLICE_US};
   if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &send, sizeof send) != 0) {
     log_message(LOG_ERROR, "Failed to set socket send timeout: %s", strerror(errno));
   }
@@ -82,7 +81,7 @@ static bool http_handle_client(int socket) {
 // its way: so the write side is shut and the client gets a moment to read it and to close first.
 static void drain(int socket) {
   if (shutdown(socket, SHUT_WR) != 0) return;
-  const int64_t end = monotonic_ms() + DRAIN_TIME;
+  const int64_t end = monotonic_ms() + DRAIN_TIME_MS;
   char thrown_away[REQUEST_SIZE];
   size_t total = 0;
   while (total < DRAIN_BYTES) {
@@ -123,11 +122,11 @@ static void accept_client() {
   if (errno == EAGAIN || errno == EWOULDBLOCK) return;
   const int error = errno;
   log_message(LOG_ERROR, "Accept failed: %s", strerror(error));
-  if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
-    // The connection stays waiting and would wake the loop at once, again and again.
-    pollfd shutdown_byte = {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0};
-    poll(&shutdown_byte, 1, ACCEPT_PAUSE);
-  }
+  if (error == EINTR || error == ECONNABORTED) return;
+  // For want of descriptors or memory, or by an access policy: the connection stays waiting and
+  // would wake the loop at once, again and again. A stop does not wait for the pause.
+  pollfd shutdown_byte = {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0};
+  poll(&shutdown_byte, 1, ACCEPT_PAUSE_MS);
 }
 
 // --- The server thread ---------------------------------------------------------------------------
@@ -163,9 +162,10 @@ static bool serve_once() {
       {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0},
       {.fd = http_server.listen_fd, .events = POLLIN, .revents = 0},
   };
-  const int ready = poll(waits, std::size(waits), WAIT_TIMEOUT);
+  const int ready = poll(waits, std::size(waits), WAIT_TIMEOUT_MS);
   if (ready < 0) {
     if (errno == EINTR) return true;
+    // The words are select's: they are those that whoever watches the log looks for.
     log_message(LOG_ERROR, "Select failed: %s", strerror(errno));
     return false;
   }
@@ -203,7 +203,7 @@ bool http_register_handler(const char *path, const char *link_id, bool show_on_h
   return true;
 }
 
-// No other thread exists yet.
+// Without the lock: the server thread does not exist yet, and no other one comes here.
 static void reset_server(uint16_t port) UNCHECKED_LOCKS {
   http_server.listen_fd = -1;
   http_server.server_thread = {};
@@ -283,7 +283,7 @@ static bool start_thread() {
   return false;
 }
 
-bool http_server_start(uint16_t port) {
+bool http_server_start(uint16_t port, bool (*register_routes)()) {
   reset_server(port);
   if (create_shutdown_pipe() && register_routes() && create_socket() && listen_on_port(port) &&
       start_thread()) {

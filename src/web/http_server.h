@@ -39,9 +39,10 @@ struct HttpServer {
 
 extern HttpServer http_server;
 
-// Registers the routes, listens on all interfaces and starts the server thread. False (logged)
-// with everything closed and `running` clear. Main thread, once.
-[[nodiscard]] bool http_server_start(uint16_t port);
+// Lets `register_routes` fill the route table by http_register_handler, listens on all interfaces
+// and starts the server thread. False (logged) with everything closed and `running` clear. Main
+// thread, once.
+[[nodiscard]] bool http_server_start(uint16_t port, bool (*register_routes)());
 
 // Ends and joins the server thread; a request in progress is cut off. Nothing unless `running` is
 // set. Main thread.
