@@ -11,6 +11,7 @@ extern const char ASSET_HOME_JS[];
 extern const char ASSET_HOME_HEAD_HTML[];
 extern const char ASSET_HOME_LINK_HTML[];
 extern const char ASSET_HOME_TAIL_HTML[];
+extern const char ASSET_LANGUAGE_JS[];
 extern const char ASSET_REDIRECT_CSS[];
 extern const char ASSET_REDIRECT_HTML[];
 extern const char ASSET_REDIRECT_JS[];

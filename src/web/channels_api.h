@@ -6,7 +6,8 @@
 #include "core/string_builder.h"
 
 // The path of a stream URL without its leading "/": what follows the first "/" after the port,
-// else after the last "/". Cut to size - 1 bytes and terminated; empty when there is none.
+// else after the last "/". Cut to size - 1 bytes, or less for a whole UTF-8 character, and
+// terminated; empty when there is none.
 void extract_stream_path(const char *url, char *out, size_t size);
 
 // Appends the channel list. False without memory. Takes the monitor lock.

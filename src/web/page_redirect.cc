@@ -1,10 +1,8 @@
-#include "web/page_redirect.h"
-
 #include "core/deployment.h"
 #include "web/assets.h"
 #include "web/channels_api.h"
-#include "web/page.h"
-#include "web/style_sheet.h"
+#include "web/page_common.h"
+#include "web/pages.h"
 #include "web/template.h"
 
 static constexpr size_t DOCUMENT_CAPACITY = 2048;  // bytes
@@ -14,9 +12,13 @@ static bool append_page(StringBuilder *page) {
   const StringBuilderOwner channels(string_builder_create(DOCUMENT_CAPACITY));
   if (!channels || !build_channels_json(channels.get())) return false;
   const TemplateField fields[] = {
-      {"style", shared_style_sheet()},      {"page_style", ASSET_REDIRECT_CSS},
-      {"camera_web_host", CAMERA_WEB_HOST}, {"channels", channels->data, Escape::ATTRIBUTE},
-      {"script", ASSET_REDIRECT_JS},
+      {"style", shared_style_sheet(), Escape::NONE},
+      {"page_style", ASSET_REDIRECT_CSS, Escape::NONE},
+      {"camera_web_host", CAMERA_WEB_HOST, Escape::NONE},
+      // The value is escaped twice: for JSON when it was built, for its attribute here.
+      {"channels", channels->data, Escape::ATTRIBUTE},
+      {"language", ASSET_LANGUAGE_JS, Escape::NONE},
+      {"script", ASSET_REDIRECT_JS, Escape::NONE},
   };
   return template_append(page, ASSET_REDIRECT_HTML, fields);
 }

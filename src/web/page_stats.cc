@@ -1,5 +1,3 @@
-#include "web/page_stats.h"
-
 #include <inttypes.h>
 #include <stdio.h>
 #include <time.h>
@@ -7,9 +5,9 @@
 #include "core/text.h"
 #include "monitor/monitor.h"
 #include "web/assets.h"
-#include "web/page.h"
+#include "web/page_common.h"
+#include "web/pages.h"
 #include "web/status_label.h"
-#include "web/style_sheet.h"
 #include "web/template.h"
 
 static constexpr size_t PAGE_CAPACITY = 8192;  // bytes
@@ -23,14 +21,15 @@ static bool append_head(StringBuilder *page) {
   monitor_format_uptime(uptime, sizeof uptime);
   monitor_format_start_time(start_time, sizeof start_time);
   const TemplateField fields[] = {
-      {"style", shared_style_sheet()},
-      {"start_time", start_time},
-      {"uptime", uptime},
+      {"style", shared_style_sheet(), Escape::NONE},
+      {"start_time", start_time, Escape::NONE},
+      {"uptime", uptime, Escape::NONE},
   };
   return template_append(page, ASSET_STATS_HEAD_HTML, fields) && string_builder_append(page, "\n");
 }
 
-// Local time in the fixed form of ctime, without its line feed.
+// Local time in the fixed form of ctime, which is not reentrant, without its line feed. Day and
+// month are English in both languages of the page: the agent never sets a locale.
 static void format_last_activity(time_t last_update, char *out, size_t size) {
   tm local = {};
   if (last_update == 0) {
@@ -50,42 +49,50 @@ struct CardTexts {
   char last_activity[TIME_TEXT_SIZE];
 };
 
-static void format_card(const StreamMonitorState &state, CardTexts *texts) {
-  snprintf(texts->stream_id, sizeof texts->stream_id, "%" PRIu32, state.stream_id);
-  monitor_format_stream_uptime(static_cast<int>(state.stream_id), texts->uptime,
+static void format_card(const StreamMonitorState &record, CardTexts *texts) {
+  snprintf(texts->stream_id, sizeof texts->stream_id, "%" PRIu32, record.stream_id);
+  monitor_format_stream_uptime(static_cast<int>(record.stream_id), texts->uptime,
                                sizeof texts->uptime);
-  snprintf(texts->rate, sizeof texts->rate, "%" PRIu64, state.rate * 8 / 1000);
+  // Rates count by 1,000 and sizes by 1,024, as people are used to from networks and from disks.
+  snprintf(texts->rate, sizeof texts->rate, "%" PRIu64, record.rate * 8 / 1000);
   snprintf(texts->total, sizeof texts->total, "%" PRIu64 ".%02" PRIu64,
-           state.bytes_total / MEBIBYTE, state.bytes_total % MEBIBYTE * 100 / MEBIBYTE);
-  format_last_activity(state.last_update, texts->last_activity, sizeof texts->last_activity);
+           record.bytes_total / MEBIBYTE, record.bytes_total % MEBIBYTE * 100 / MEBIBYTE);
+  format_last_activity(record.last_update, texts->last_activity, sizeof texts->last_activity);
 }
 
+// Reads a copy, so that no lock is held while the uptime, which takes it, is formatted. The card's
+// figures may therefore be a moment apart.
 static bool append_card(StringBuilder *page, int stream_id) {
-  StreamMonitorState state = {};
-  if (!monitor_get_stream_state(stream_id, &state)) {
+  StreamMonitorState record = {};
+  if (!monitor_get_stream_state(stream_id, &record)) {
     // Shown all the same, so that the figures of the other streams are not lost.
-    state.stream_id = static_cast<uint32_t>(stream_id);
-    state.status = STREAM_ERROR;
+    record.stream_id = static_cast<uint32_t>(stream_id);
+    record.status = STREAM_ERROR;
   }
   CardTexts texts = {};
-  format_card(state, &texts);
+  format_card(record, &texts);
   const TemplateField fields[] = {
-      {"stream_id", texts.stream_id},
-      {"status_class", status_css_class(state.status)},
-      {"status_label", status_label(state.status)},
-      {"stream_uptime", texts.uptime},
-      {"rate", texts.rate},
-      {"total", texts.total},
-      {"last_activity", texts.last_activity},
+      {"stream_id", texts.stream_id, Escape::NONE},
+      {"status_class", status_css_class(record.status), Escape::NONE},
+      {"status_label", status_label(record.status), Escape::NONE},
+      {"stream_uptime", texts.uptime, Escape::NONE},
+      {"rate", texts.rate, Escape::NONE},
+      {"total", texts.total, Escape::NONE},
+      {"last_activity", texts.last_activity, Escape::NONE},
   };
   return template_append(page, ASSET_STATS_CARD_HTML, fields) && string_builder_append(page, "\n");
 }
 
 static bool append_tail(StringBuilder *page) {
-  const TemplateField fields[] = {{"script", ASSET_STATS_JS}};
+  const TemplateField fields[] = {
+      {"language", ASSET_LANGUAGE_JS, Escape::NONE},
+      {"script", ASSET_STATS_JS, Escape::NONE},
+  };
   return template_append(page, ASSET_STATS_TAIL_HTML, fields);
 }
 
+// This page begins with <html>, without a document type, and so is shown in the browser's older
+// mode. Programs that read figures out of it know it that way.
 static bool append_page(StringBuilder *page) {
   if (!append_head(page)) return false;
   for (int id = 1; monitor_knows(id); id++) {

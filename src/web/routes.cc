@@ -4,11 +4,7 @@
 #include "core/log.h"
 #include "web/channels_api.h"
 #include "web/http_server.h"
-#include "web/page_cloud_id.h"
-#include "web/page_home.h"
-#include "web/page_redirect.h"
-#include "web/page_stats.h"
-#include "web/page_streams.h"
+#include "web/pages.h"
 
 // One of the two handlers of "/streams", chosen once.
 static bool register_streams_route() {

@@ -6,7 +6,8 @@
 
 #include "core/string_builder.h"
 
-// How a value is made safe for its place. Ordinary values come out as they are.
+// How a value is made safe for its place. Ordinary values come out as they are, so that other
+// programs may go on reading the pages.
 enum class Escape {
   NONE,           // texts of the agent itself
   HTML,           // between tags
@@ -18,7 +19,7 @@ enum class Escape {
 struct TemplateField {
   const char *name;
   const char *value;  // not owned
-  Escape escape = Escape::NONE;
+  Escape escape;      // without a default: every field says its own
 };
 
 // Appends the text with its fields filled in, in one pass. False without memory, or for a field

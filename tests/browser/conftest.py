@@ -73,14 +73,11 @@ def account():
 
 
 @pytest.fixture(scope="session")
-def camera_web_server(network):
-    """One for the whole run: the browser may post through a connection that it opened in reserve
-    during an earlier test."""
-    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as server:
-        yield server
+def certificate():
+    return self_signed("127.0.0.1")
 
 
 @pytest.fixture
-def camera_web(camera_web_server):
-    camera_web_server.posts.clear()
-    return camera_web_server
+def camera_web(certificate):
+    with Account(CAMERA_WEB_PORT, certificate) as server:
+        yield server

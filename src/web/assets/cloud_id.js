@@ -20,13 +20,8 @@ const elementIds = {
   backButton: 'back-button',
 };
 
-const language = localStorage.getItem('preferredLanguage') || 'ru';
+const language = storedLanguage();
 
-function updatePageContent(lang) {
-  for (const [key, id] of Object.entries(elementIds)) {
-    const element = document.getElementById(id);
-    if (element) element.textContent = translations[lang][key];
-  }
-}
-
-document.addEventListener('DOMContentLoaded', () => updatePageContent(language));
+document.addEventListener('DOMContentLoaded', () => {
+  fillTexts(language, translations, elementIds);
+});

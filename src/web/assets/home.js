@@ -20,24 +20,18 @@ const elementIds = {
   statsLink: 'stats-link',
 };
 
-function setTexts(lang) {
-  for (const [key, id] of Object.entries(elementIds)) {
-    document.getElementById(id).textContent = translations[lang][key];
-  }
-}
-
 // Called by the language buttons, each with its own language.
 function changeLanguage(lang, button) {
-  setTexts(lang);
+  fillTexts(lang, translations, elementIds);
   document.querySelectorAll('.language-btn').forEach((other) => {
     other.classList.remove('active');
   });
   button.classList.add('active');
-  localStorage.setItem('preferredLanguage', lang);
+  storeLanguage(lang);
 }
 
 document.addEventListener('DOMContentLoaded', () => {
-  const lang = localStorage.getItem('preferredLanguage') || 'ru';
+  const lang = storedLanguage();
   const button = document.querySelector(`.language-btn[onclick*="'${lang}'"]`);
   if (button) changeLanguage(lang, button);
 });

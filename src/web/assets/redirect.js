@@ -21,24 +21,18 @@ const elementIds = {
 
 const SUBMIT_DELAY = 1500; // ms
 
-const language = localStorage.getItem('preferredLanguage') || 'ru';
-
-function updatePageContent(lang) {
-  for (const [key, id] of Object.entries(elementIds)) {
-    document.getElementById(id).textContent = translations[lang][key];
-  }
-}
+const language = storedLanguage();
 
 function submitForm() {
   document.getElementById('redirectForm').submit();
 }
 
 document.addEventListener('DOMContentLoaded', () => {
-  updatePageContent(language);
   const timer = setTimeout(submitForm, SUBMIT_DELAY);
   document.getElementById('manual-submit').addEventListener('click', () => {
     // Without this the list would be posted twice when the answer is slow.
     clearTimeout(timer);
     submitForm();
   });
+  fillTexts(language, translations, elementIds);
 });

@@ -54,18 +54,11 @@ const REFRESH_PERIOD = 5000; // ms
 
 let refreshTimer = null;
 
-function storedLanguage() {
-  return localStorage.getItem('preferredLanguage') || 'ru';
-}
-
 const language = storedLanguage();
 
 function updatePageContent(lang) {
   const texts = translations[lang];
-  for (const [key, id] of Object.entries(elementIds)) {
-    const element = document.getElementById(id);
-    if (element) element.textContent = texts[key];
-  }
+  fillTexts(lang, translations, elementIds);
   for (const [key, name] of Object.entries(elementClasses)) {
     document.querySelectorAll(`.${name}`).forEach((element) => {
       element.textContent = texts[key];

@@ -42,8 +42,9 @@ const messages = {
     nothingTicked: 'Please select at least one stream',
     streamProgress: (number, total) => `Processing stream ${number} of ${total}`,
     pairProgress: (number, total) => `Processing stream group ${number} of ${total}`,
-    streamDetail: (id) => `Stream ${id}: `,
-    pairDetail: (id1, id2) => `Streams ${id1}-${id2}: `,
+    streamName: (id) => `Stream ${id}`,
+    pairName: (id1, id2) => `Streams ${id1}-${id2}`,
+    allNames: 'All streams',
     streamAdded: 'Success',
     pairAdded: 'Success',
     allAdded: (count) => `Successfully added ${count} stream(s)`,
@@ -53,8 +54,9 @@ const messages = {
     nothingTicked: 'Пожалуйста выберите один или несколько потоков',
     streamProgress: (number, total) => `Добавление потока ${number} из ${total}`,
     pairProgress: (number, total) => `Добавление группы ${number} из ${total}`,
-    streamDetail: (id) => `Поток ${id}: `,
-    pairDetail: (id1, id2) => `Потоки ${id1}-${id2}: `,
+    streamName: (id) => `Поток ${id}`,
+    pairName: (id1, id2) => `Потоки ${id1}-${id2}`,
+    allNames: 'Все потоки',
     streamAdded: 'Добавлен',
     pairAdded: 'Успешно',
     allAdded: (count) => `Успешно добавлено потоков: ${count}`,
@@ -84,22 +86,15 @@ const NOTIFICATION_TIME = 5000; // ms
 const OVERLAY_TIME = 2000; // ms that the finished progress stays readable
 
 let notificationTimer = null;
-
-// Language
-
-function storedLanguage() {
-  return localStorage.getItem('preferredLanguage') || 'ru';
-}
-
-function updatePageContent(lang) {
-  for (const [key, id] of Object.entries(elementIds)) {
-    const element = document.getElementById(id);
-    if (element) element.textContent = translations[lang][key];
-  }
-}
+let publishing = false; // from the first request to the end of the overlay
+let focusBefore = null; // the element that the overlay has taken the focus from
 
 function currentMessages() {
-  return storedLanguage() === 'ru' ? messages.ru : messages.en;
+  return messages[storedLanguage()];
+}
+
+function byId(id) {
+  return document.getElementById(id);
 }
 
 // Check boxes
@@ -108,8 +103,13 @@ function enabledBoxes() {
   return [...document.querySelectorAll('.stream-checkbox:not(:disabled)')];
 }
 
+// A browser may bring the tick of a disabled box back on reload; it does not count.
+function tickedBoxes() {
+  return enabledBoxes().filter((box) => box.checked);
+}
+
 function applySelectAll() {
-  const selectAll = document.getElementById('select-all');
+  const selectAll = byId('select-all');
   const boxes = enabledBoxes();
   selectAll.disabled = boxes.length === 0;
   if (selectAll.disabled) selectAll.checked = false;
@@ -119,23 +119,22 @@ function applySelectAll() {
 }
 
 function updateSelectAll() {
-  const selectAll = document.getElementById('select-all');
+  const selectAll = byId('select-all');
   const boxes = enabledBoxes();
   selectAll.disabled = boxes.length === 0;
   selectAll.checked = boxes.length > 0 && boxes.every((box) => box.checked);
 }
 
 function resetSelectAll() {
-  const selectAll = document.getElementById('select-all');
-  selectAll.disabled = enabledBoxes().length === 0;
-  selectAll.checked = false;
+  byId('select-all').disabled = enabledBoxes().length === 0;
+  byId('select-all').checked = false;
 }
 
 // Notification and progress. What the account service answers is only ever
 // shown as text, so it cannot bring markup into the page.
 
 function showNotification(message, isSuccess) {
-  const notification = document.getElementById('notification');
+  const notification = byId('notification');
   notification.textContent = message;
   notification.className = `notification ${isSuccess ? 'success' : 'error'}`;
   notification.style.display = 'block';
@@ -146,59 +145,91 @@ function showNotification(message, isSuccess) {
   }, NOTIFICATION_TIME);
 }
 
+// The overlay stops the mouse; without this the keyboard would still reach what lies under it.
+function setInert(isInert) {
+  byId('streamForm').inert = isInert;
+  byId('back-button').inert = isInert;
+}
+
 function showOverlay() {
-  document.getElementById('progressDetails').replaceChildren();
-  document.getElementById('progressOverlay').style.display = 'flex';
-  // The overlay stops the mouse only; Enter would start a second run.
-  document.getElementById('submit-button').disabled = true;
+  publishing = true;
+  focusBefore = document.activeElement;
+  byId('progressDetails').textContent = '';
+  byId('progressOverlay').style.display = 'flex';
+  setInert(true);
+  byId('progressOverlay').focus();
 }
 
 function hideOverlay() {
-  document.getElementById('progressOverlay').style.display = 'none';
-  document.getElementById('submit-button').disabled = false;
+  publishing = false;
+  byId('progressOverlay').style.display = 'none';
+  setInert(false);
+  focusBefore.focus();
+}
+
+// For browsers that do not know inert.
+function keepFocus(event) {
+  const overlay = byId('progressOverlay');
+  if (publishing && !overlay.contains(event.target)) overlay.focus();
+}
+
+function rowName(row) {
+  const texts = currentMessages();
+  return row.isPair ? texts.pairName(...row.ids) : texts.streamName(row.ids[0]);
 }
 
 function showProgress(row, number, total) {
   const texts = currentMessages();
   const line = row.isPair ? texts.pairProgress : texts.streamProgress;
-  document.getElementById('progressFill').style.width = `${(number / total) * 100}%`;
-  document.getElementById('progressStatus').textContent = line(number, total);
+  byId('progressFill').style.width = `${(number / total) * 100}%`;
+  byId('progressStatus').textContent = line(number, total);
 }
 
+// Scrolls with the run until something fails: the first failure then stays in view.
 function showDetail(row, success, message) {
   const texts = currentMessages();
-  const title = row.isPair ? texts.pairDetail(...row.ids) : texts.streamDetail(row.ids[0]);
   const added = row.isPair ? texts.pairAdded : texts.streamAdded;
   const detail = document.createElement('div');
   detail.className = `progress-item ${success ? 'success' : 'error'}`;
-  detail.textContent = title + (success ? added : (message ?? ''));
-  const details = document.getElementById('progressDetails');
-  details.append(detail);
-  details.scrollTop = details.scrollHeight;
+  detail.textContent = `${rowName(row)}: ${success ? added : message || ''}`;
+  const details = byId('progressDetails');
+  details.appendChild(detail);
+  const failure = details.querySelector('.error');
+  details.scrollTop = failure ? failure.offsetTop - details.offsetTop : details.scrollHeight;
 }
 
 // Requests to the account service
 
 function extractRealChannel(url) {
-  // The s flag only matters to a URL with a line feed in it.
-  const match = /:\d+(.+)$|[^:/]\/(.*?)$/s.exec(url);
+  // [^] takes a line feed too, should a URL hold one.
+  const match = /:\d+([^]+)$|[^:/]\/([^]*?)$/.exec(url);
   if (!match) return '';
   return match[1] === undefined ? match[2] : match[1];
 }
 
 // The device fields are missing when the device asks for no login.
 function fieldValue(id) {
-  const field = document.getElementById(id);
+  const field = byId(id);
   return field ? field.value : '';
 }
 
-function buildChannel(streamId, url) {
+// Read once: what is typed during a run must not part its streams.
+function readCredentials() {
+  return {
+    login: fieldValue('cloud_username'),
+    password: fieldValue('cloud_password'),
+    deviceLogin: fieldValue('device_username'),
+    devicePassword: fieldValue('device_password'),
+  };
+}
+
+function buildChannel(credentials, streamId, url) {
   return {
     chanel: streamId,
     real_chanel: extractRealChannel(url),
     cloud_id: `${params.cloud_id}/${streamId}`,
-    camera_login: fieldValue('device_username'),
-    camera_password: fieldValue('device_password'),
+    camera_login: credentials.deviceLogin,
+    camera_password: credentials.devicePassword,
     cloud_server: params.cloud_server,
     cloud_port: params.cloud_port,
     cloud_url: `rtsp://${params.cloud_server}:${params.cloud_port}/${params.cloud_id}/${streamId}`,
@@ -221,23 +252,23 @@ async function postToAccount(fields) {
   }
 }
 
-function publishStream(login, password, streamId, url) {
+function publishStream(credentials, streamId, url) {
   return postToAccount({
     action: 'add',
-    login,
-    password,
-    data: JSON.stringify(buildChannel(streamId, url)),
+    login: credentials.login,
+    password: credentials.password,
+    data: JSON.stringify(buildChannel(credentials, streamId, url)),
   });
 }
 
-function publishPair(login, password, ids, urls) {
-  const channels = [buildChannel(ids[0], urls[0]), buildChannel(ids[1], urls[1])];
+function publishPair(credentials, ids, urls) {
+  const channels = ids.map((id, i) => buildChannel(credentials, id, urls[i]));
   return postToAccount({
     action: 'addcamera',
-    login,
-    password,
-    login_camera: fieldValue('device_username'),
-    password_camera: fieldValue('device_password'),
+    login: credentials.login,
+    password: credentials.password,
+    login_camera: credentials.deviceLogin,
+    password_camera: credentials.devicePassword,
     data: JSON.stringify({ chanels: channels }),
   });
 }
@@ -264,12 +295,19 @@ function readRow(box) {
   return { isPair: true, ids, urls: splitUrls(urlCell) };
 }
 
+function nameBoxes() {
+  byId('select-all').setAttribute('aria-label', currentMessages().allNames);
+  document.querySelectorAll('.stream-checkbox').forEach((box) => {
+    box.setAttribute('aria-label', rowName(readRow(box)));
+  });
+}
+
 // Resolves to whether the row was added.
-async function publishRow(login, password, row) {
+async function publishRow(credentials, row) {
   try {
     const answer = row.isPair
-      ? await publishPair(login, password, row.ids, row.urls)
-      : await publishStream(login, password, row.ids[0], row.urls[0]);
+      ? await publishPair(credentials, row.ids, row.urls)
+      : await publishStream(credentials, row.ids[0], row.urls[0]);
     const success = answer.status === 1;
     showDetail(row, success, answer.message);
     return success;
@@ -279,15 +317,18 @@ async function publishRow(login, password, row) {
   }
 }
 
-// One result per stream, in order: both streams of a pair share its outcome.
-async function publishRows(login, password, boxes) {
+// One result per stream, in order: both streams of a pair share its outcome. What was added is
+// unticked, so that a second run takes up what failed.
+async function publishRows(credentials, boxes) {
   const results = [];
   for (let i = 0; i < boxes.length; i++) {
     const row = readRow(boxes[i]);
     showProgress(row, i + 1, boxes.length);
-    const success = await publishRow(login, password, row);
+    const success = await publishRow(credentials, row);
+    if (success) boxes[i].checked = false;
     row.ids.forEach(() => results.push(success));
   }
+  updateSelectAll();
   return results;
 }
 
@@ -303,26 +344,29 @@ function showSummary(results) {
 
 async function submitForm(event) {
   event.preventDefault();
-  const login = fieldValue('cloud_username');
-  const password = fieldValue('cloud_password');
-  const boxes = [...document.querySelectorAll('.stream-checkbox:checked')];
+  if (publishing) return;
+  const boxes = tickedBoxes();
   if (boxes.length === 0) {
     showNotification(currentMessages().nothingTicked, false);
     return;
   }
   showOverlay();
-  const results = await publishRows(login, password, boxes);
+  const results = await publishRows(readCredentials(), boxes);
   setTimeout(hideOverlay, OVERLAY_TIME);
   showSummary(results);
 }
 
+// Before anything that could fail: the browser's own submit would send the cloud's password.
+byId('streamForm').addEventListener('submit', submitForm);
+byId('select-all').addEventListener('change', applySelectAll);
+document.querySelectorAll('.stream-checkbox').forEach((box) => {
+  box.addEventListener('change', updateSelectAll);
+});
+document.addEventListener('focusin', keepFocus);
+
 document.addEventListener('DOMContentLoaded', () => {
-  updatePageContent(storedLanguage());
-  document.getElementById('select-all').addEventListener('change', applySelectAll);
-  document.querySelectorAll('.stream-checkbox').forEach((box) => {
-    box.addEventListener('change', updateSelectAll);
-  });
-  document.getElementById('streamForm').addEventListener('submit', submitForm);
+  fillTexts(storedLanguage(), translations, elementIds);
+  nameBoxes();
 });
 
 window.addEventListener('load', resetSelectAll);
