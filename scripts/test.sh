@@ -87,10 +87,8 @@ agent_tests() {
     CAMERA_AGENT=build/$preset/camera-agent $python -m pytest -q -n 2 tests/agent "$@"
 }
 
-# A browser on a busy machine has moods that are none of the agent's: what failed gets one more try.
 browser_tests() {
-    export CAMERA_AGENT=build/release/camera-agent
-    $python -m pytest -q tests/browser || $python -m pytest -q tests/browser --last-failed
+    CAMERA_AGENT=build/release/camera-agent $python -m pytest -q tests/browser
 }
 
 main

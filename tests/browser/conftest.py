@@ -1,13 +1,10 @@
 """Fixtures of the tests of the pages: the real agent, looked at through Chromium.
 
-Agent and peers stand on the harness of ../agent, whose conventions hold here too. One browser
-serves a whole run, in the run's network namespace; every test begins without stored values and
-fails when a page of the agent leaves an error in the console.
+One browser serves a whole run, in the run's network namespace. Every test begins without stored
+values and fails when a page of the agent leaves an error in the console.
 """
 
 import os
-import shutil
-import tempfile
 
 import pytest
 
@@ -36,24 +33,21 @@ def rig(tmp_path):
 
 
 @pytest.fixture(scope="session")
-def chromium(network):
+def chromium(network, tmp_path_factory):
     missing = [path for path in (CHROMIUM, DRIVER) if not os.path.exists(path)]
     if missing and os.environ.get("REQUIRE_ALL") != "1":
         pytest.skip(f"{missing} not installed")
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
-    profile = tempfile.mkdtemp()
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
-    for flag in (*FLAGS, f"--user-data-dir={profile}"):
+    for flag in (*FLAGS, f"--user-data-dir={tmp_path_factory.mktemp('profile')}"):
         options.add_argument(flag)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     driver = webdriver.Chrome(service=Service(DRIVER), options=options)
     driver.set_page_load_timeout(30)
-    driver.set_script_timeout(30)
     yield driver
     driver.quit()
-    shutil.rmtree(profile, ignore_errors=True)
 
 
 @pytest.fixture
@@ -72,12 +66,7 @@ def account():
         yield account
 
 
-@pytest.fixture(scope="session")
-def certificate():
-    return self_signed("127.0.0.1")
-
-
 @pytest.fixture
-def camera_web(certificate):
-    with Account(CAMERA_WEB_PORT, certificate) as server:
+def camera_web():
+    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as server:
         yield server

@@ -27,6 +27,14 @@ def serve(rig, *urls, options=()) -> harness.Agent:
     return agent
 
 
+def channel(rig, number, path, cloud_id=harness.CLOUD_ID, login="", password="") -> dict:
+    """What the list and the form's script say of a stream; the latter with all values as texts."""
+    return {"chanel": number, "real_chanel": path, "cloud_id": f"{cloud_id}/{number}",
+            "camera_login": login, "camera_password": password, "cloud_server": "127.0.0.1",
+            "cloud_port": str(rig.cloud.port),
+            "cloud_url": f"rtsp://127.0.0.1:{rig.cloud.port}/{cloud_id}/{number}", "status": "1"}
+
+
 class Browser:
     """Chromium with the few calls that the tests need."""
 
@@ -70,15 +78,11 @@ class Browser:
 
 
 class Account(ScriptedServer):
-    """The simulator's account service, with the requests kept byte for byte.
-
-    `answers` holds bodies that are sent instead of the simulator's own, one per request.
-    """
+    """The simulator's account service, with the requests kept byte for byte."""
 
     def __init__(self, port: int, tls: ssl.SSLContext | None = None):
         self.posts: list[tuple[str, bytes]] = []    # head and body
-        self.answers: list[str] = []
-        self.fault = "none"
+        self.answers: list[str] = []                # sent instead of its own, one per request
         self._service = AccountService(Fault())
         self._tls = tls
         super().__init__(self._serve, port)
@@ -96,7 +100,7 @@ class Account(ScriptedServer):
         length = re.search(r"(?im)^content-length: *(\d+)", head)
         body = connection.recv_exactly(int(length[1])) if length else b""
         method, path = head.split(" ")[:2]
-        status, text, kind = self._service._answer(method, path, body, self.fault)
+        status, text, kind = self._service._answer(method, path, body, "none")
         if method == "POST":
             self.posts.append((head, body))
             if self.answers:

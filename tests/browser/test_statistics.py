@@ -4,9 +4,9 @@ import re
 import time
 
 from pages import FAST, serve
-from harness import DroppingListener, wait_until
-from scripted import http_answer, ok_answer, pattern
-from test_languages import AMBER, GREEN, GREY, SLATE
+from harness import wait_until
+from scripted import ok_answer, pattern
+from test_languages import GREEN, GREY, SLATE
 
 CARD = """return [...document.querySelectorAll('.stats-grid > .stats-card')].map((card) =>
   [...card.querySelectorAll(':scope > .stat-item > .stat-value')].map((value) => value.textContent))
@@ -17,15 +17,9 @@ STATUS = """return [...document.querySelectorAll('.stat-status + .stat-value')].
 MOMENT = re.compile(r"(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d \d{4}")
 COUNTED = FAST + """window.fetched = 0; const realFetch = fetch;
 window.fetch = (...given) => { fetched++; return realFetch(...given); };"""
-LAST = 7500             # bytes, few enough to come in one receive
-# 15,000 bytes a second, both ways, or as many in two seconds and more.
+DURATION = re.compile(r"(\dm )?\d{1,2}s")
+LAST = 7500     # bytes, few enough for one receive: 15,000 both ways, in one second or in a few
 RATES = ["120 kbps", "60 kbps", "40 kbps", "30 kbps", "24 kbps"]
-
-
-def seconds(duration: str) -> int:
-    match = re.fullmatch(r"(?:(\d+)m )?(\d+)s", duration)
-    assert match, duration
-    return int(match[1] or 0) * 60 + int(match[2])
 
 
 def send_counted(camera, cloud, request, total: int) -> None:
@@ -45,11 +39,11 @@ def test_figures_and_refresh(rig, browser):
     agent.wait_for("-> streaming", 2)
     agent.wait_for("-> registered", 3)
     browser.open("/stats", "en")
-    system, first, second, third, dead = browser.script(CARD)
+    system, first, second, *idle = browser.script(CARD)
     assert re.fullmatch(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", system[0])
     assert first[0] == second[0] == "Streaming" and first[3] == second[3] == "0.00 MB"
-    assert third == ["Registered", "N/A", "0 kbps", "0.00 MB", "Never"]
-    assert dead == ["Offline", "N/A", "0 kbps", "0.00 MB", "Never"]
+    assert idle == [[status, "N/A", "0 kbps", "0.00 MB", "Never"]
+                    for status in ("Registered", "Offline")]
     assert browser.script(STATUS) == [["stat-value status-streaming", GREEN, "600"]] * 2 + [
         ["stat-value status-registered", SLATE, "600"], ["stat-value status-offline", GREY, "600"]]
 
@@ -57,17 +51,14 @@ def test_figures_and_refresh(rig, browser):
         assert cloud.fields["uri"] == request.path
         send_counted(camera, cloud, request, total)
     browser.script("window.system = document.getElementById('systemStats')")
-    uptime = seconds(system[1])
     browser.click("#refreshBtn")
     browser.wait("!document.contains(window.system) && document.querySelector('.header-stream')"
                  ".textContent === 'Stream 1'")
-    again, first, second, third, dead = browser.script(CARD)
-    assert again[0] == system[0] and uptime + 2 <= seconds(again[1]) < uptime + 60
+    again, first, second, *_ = browser.script(CARD)
+    assert again[0] == system[0] and again[1] != system[1] and DURATION.fullmatch(again[1])
     assert [first[3], second[3]] == ["1.50 MB", "0.99 MB"]
     for card in (first, second):
-        assert seconds(card[1]) >= 2 and card[2] in RATES, card
-        assert MOMENT.fullmatch(card[4].rstrip("\n")), card[4]
-    assert third[0] == "Registered" and dead[0] == "Offline"
+        assert DURATION.fullmatch(card[1]) and card[2] in RATES and MOMENT.fullmatch(card[4]), card
 
 
 def test_automatic_refresh_and_its_failure(rig, browser):
@@ -75,37 +66,21 @@ def test_automatic_refresh_and_its_failure(rig, browser):
     browser.open("/stats", before=COUNTED)
     browser.script("localStorage.preferredLanguage = 'en'")
     assert browser.texts("#header-info") == ["Данные системы"]
-    for periods in ([5000], [5000, 5000]):
-        before = browser.script("return window.fetched")
-        browser.click("#autoRefresh")
-        browser.wait(f"window.fetched >= {before + 2}")
-        assert browser.script("return window.periods") == periods
-        # A refresh goes by the language stored by then.
-        browser.wait("document.getElementById('header-info').textContent === 'System Information'"
-                     " && document.querySelector('.header-stream').textContent === 'Stream 1'")
-        browser.click("#autoRefresh")
-        fetched = browser.script("return window.fetched")
-        time.sleep(0.5)
-        assert browser.script("return window.fetched") == fetched
+    browser.click("#autoRefresh")
+    browser.wait("window.fetched >= 2")
+    assert browser.script("return window.periods") == [5000]
+    # A refresh goes by the language stored by then.
+    browser.wait("document.getElementById('header-info').textContent === 'System Information'"
+                 " && document.querySelector('.header-stream').textContent === 'Stream 1'")
+    browser.click("#autoRefresh")
+    fetched = browser.script("return window.fetched")
+    time.sleep(0.5)     # the last answer, too, is in the page then
+    assert browser.script("return window.fetched") == fetched
 
     agent.stop()
-    time.sleep(0.5)     # an answer may still be on its way into the page
     shown = browser.script("return document.body.innerHTML")
     browser.errors()
     browser.click("#refreshBtn")
     wait_until(lambda: any("Error refreshing stats:" in error for error in browser.errors()),
                what="console error")
     assert browser.script("return document.body.innerHTML") == shown
-
-
-def test_connecting(rig, browser):
-    """The cloud takes no connection, so that the stream stays in its attempt."""
-    with DroppingListener() as full:
-        rig.balance(http_answer(f"127.0.0.1|{full.port}"))
-        agent = serve(rig, options=("-l",))
-        agent.wait_for("offline -> connecting")
-        browser.open("/stats")
-        assert browser.script(STATUS) == [["stat-value status-connecting", AMBER, "600"]]
-        browser.open("/streams")
-        assert browser.texts("td.stream-status.status-connecting") == ["Connecting"]
-        assert browser.style("td.stream-status", "color") == AMBER
