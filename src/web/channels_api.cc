@@ -75,6 +75,8 @@ static bool append_channel(StringBuilder *builder, const StreamMonitorState &rec
   snprintf(stream_id, sizeof stream_id, "%" PRIu32, record.stream_id);
   snprintf(port, sizeof port, "%u", unsigned{proxy_context.cloud_port});
   extract_stream_path(record.url, path, sizeof path);
+  // In the text, logins are empty and the status is "1" whatever the stream does: the document says
+  // which channels there are, not how they are.
   const TemplateField fields[] = {
       {"stream_id", stream_id, Escape::NONE},
       {"stream_path", path, Escape::JSON_STRING},

@@ -51,7 +51,8 @@ static constexpr std::string_view BARE_ERROR =
     "HTTP/1.1 500 Internal Server Error\r\n"
     "\r\n";
 
-// After a write that moved nothing: whether to go on with the next one.
+// EAGAIN is the socket's send time-out: the caller then looks at its limits. After a write that
+// moved nothing: whether to go on with the next one.
 static bool can_go_on(ssize_t written) {
   if (written == 0) {
     log_message(LOG_ERROR, "Connection closed during write");
@@ -117,6 +118,8 @@ bool http_send_json(int socket, const StringBuilder *document) {
          http_write_all(socket, response->data, response->length);
 }
 
+// Falls back step by step, since what fails here is mostly memory: page, bare status line, and with
+// no builder at all a constant that says the same.
 void http_send_error(int socket, const char *message) {
   const StringBuilderOwner page(string_builder_create(ERROR_PAGE_CAPACITY));
   if (!page) {

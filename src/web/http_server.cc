@@ -20,6 +20,8 @@
 #include "core/text.h"
 #include "web/http_response.h"
 
+// Browsers open connections in reserve, and each holds the server for the receive time-out: that is
+// why this time-out is short, and why nothing of a client outlasts its response.
 static constexpr int LISTEN_BACKLOG = 10;
 static constexpr int WAIT_TIMEOUT_MS = 1000;           // between looks at `running`
 static constexpr time_t RECEIVE_TIMEOUT_S = 2;         // a client may take to send its request
@@ -44,6 +46,7 @@ static void set_client_timeouts(int socket) {
   }
 }
 
+// In full and byte for byte: a query, a slash at the end or another case is another target.
 static const HttpHandler *find_handler(const char *target) {
   const std::span used(http_server.handlers.data(), http_server.handler_count);
   const auto found = std::find_if(used.begin(), used.end(), [target](const HttpHandler &handler) {
@@ -52,8 +55,9 @@ static const HttpHandler *find_handler(const char *target) {
   return found == used.end() ? nullptr : &*found;
 }
 
-// Reads once and answers from that part alone; only the request line is looked at. False without an
-// answer: the client sent nothing.
+// Reads once and answers from that part alone; only the request line is looked at. Method and
+// version must be there, but any will do: nothing on the pages changes the device. False without
+// an answer: the client sent nothing.
 static bool http_handle_client(int socket) {
   set_client_timeouts(socket);
   char request[REQUEST_SIZE];
@@ -61,6 +65,7 @@ static bool http_handle_client(int socket) {
   if (received <= 0) return false;
   request[received] = '\0';
 
+  // One more than the widths below. A longer target is cut, and then matches no route.
   char method[16];
   char target[256];
   char version[16];
@@ -165,7 +170,7 @@ static bool serve_once() {
   const int ready = poll(waits, std::size(waits), WAIT_TIMEOUT_MS);
   if (ready < 0) {
     if (errno == EINTR) return true;
-    // The words are select's: they are those that whoever watches the log looks for.
+    // Meant: who watches the log looks for this text, whichever of the two calls waits.
     log_message(LOG_ERROR, "Select failed: %s", strerror(errno));
     return false;
   }
@@ -182,6 +187,7 @@ static bool serve_once() {
 static void *http_server_thread(void * /*argument*/) {
   while (http_server.running && serve_once()) {
   }
+  // Here and not in the stop operation: a thread that ends by itself must not leave them open.
   http_server_close_sockets();
   return nullptr;
 }
@@ -235,6 +241,7 @@ static bool create_shutdown_pipe() {
 }
 
 static bool create_socket() {
+  // Non-blocking below: a client that is gone again between poll and accept must not hold the loop.
   const int socket_fd = http_server.listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket_fd < 0) {
     log_message(LOG_ERROR, "Failed to create server socket: %s", strerror(errno));
@@ -249,6 +256,7 @@ static bool create_socket() {
     log_message(LOG_ERROR, "Failed to set socket non-blocking: %s", strerror(errno));
     return false;
   }
+  // A restarted agent must not wait for the connections of its last run to be forgotten.
   const int on = 1;
   if (setsockopt(socket_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
     log_message(LOG_ERROR, "Failed to set SO_REUSEADDR: %s", strerror(errno));

@@ -19,6 +19,8 @@ static bool register_streams_route() {
   return false;
 }
 
+// The order is that of the home page's links. Each route has its own message, by which a log from a
+// device tells how far the start came.
 bool register_routes() {
   if (!http_register_handler("/", "home-link", false, handle_home_page)) {
     log_message(LOG_ERROR, "Failed to register root handler");

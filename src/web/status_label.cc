@@ -10,11 +10,13 @@ const char *status_label(StreamStatus status) {
       return "Streaming";
     case STREAM_ERROR:
       return "Error";
-    default:
+    default:  // also for what is no status
       return "Offline";
   }
 }
 
+// A registered stream has a class like the others but no rule in the style sheet: it waits, as it
+// should, and is shown in the colour of its surroundings.
 const char *status_css_class(StreamStatus status) {
   switch (status) {
     case STREAM_CONNECTING:
@@ -30,7 +32,8 @@ const char *status_css_class(StreamStatus status) {
   }
 }
 
-// The first status of this order that one of the two has stands for both.
+// The first status of this order that one of the two has stands for both: what is wrong goes before
+// what works, since a recorder's pair is one camera to its user.
 static constexpr StreamStatus PAIR_ORDER[] = {STREAM_ERROR, STREAM_OFFLINE, STREAM_STREAMING,
                                               STREAM_CONNECTING, STREAM_REGISTERED};
 
@@ -38,7 +41,7 @@ static StreamStatus pair_status(const StreamMonitorState &a, const StreamMonitor
   for (const StreamStatus status : PAIR_ORDER) {
     if (a.status == status || b.status == status) return status;
   }
-  return STREAM_ERROR;
+  return STREAM_ERROR;  // both hold what is no status
 }
 
 const char *pair_status_label(const StreamMonitorState &a, const StreamMonitorState &b) {

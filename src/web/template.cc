@@ -29,6 +29,8 @@ static const char *escape_html(char c) {
   }
 }
 
+// Only for single-quoted attributes: there "<" and double quotes stand for themselves, and the
+// channel list, which is full of them, stays readable in the page's source.
 static const char *escape_attribute(char c) {
   switch (c) {
     case '&':
@@ -76,7 +78,8 @@ static const char *escape_json(char c, char (&number)[NUMBER_SIZE]) {
   return number;
 }
 
-// What stands for the character, or none when it stands for itself.
+// Written for one character at a time, so that a long URL costs no memory of its own. What stands
+// for the character, or none when it stands for itself.
 static const char *escape_character(char c, Escape escape, char (&number)[NUMBER_SIZE]) {
   switch (escape) {
     case Escape::NONE:
@@ -109,6 +112,8 @@ bool append_escaped(StringBuilder *out, const char *value, Escape escape) {
   return string_builder_append(out, plain);
 }
 
+// A field without a value is a mistake in the program, which an error page shows at once; left out
+// in silence it would be found by a user.
 static bool append_field(StringBuilder *out, std::string_view name,
                          std::span<const TemplateField> fields) {
   const auto field = std::find_if(fields.begin(), fields.end(),
@@ -116,6 +121,7 @@ static bool append_field(StringBuilder *out, std::string_view name,
   return field != fields.end() && append_escaped(out, field->value, field->escape);
 }
 
+// One pass: what looks like a field within a value, which may come from outside, is not one.
 bool template_append(StringBuilder *out, const char *text, std::span<const TemplateField> fields) {
   std::string_view rest = text;
   for (;;) {

@@ -122,7 +122,7 @@ def test_a_phone(rig, browser, width, text):
     assert browser.style(".stream-checkbox", "width") == "20px"
     rect = browser.script("""showNotification('x'.repeat(99), true);
         return byId('notification').getBoundingClientRect().toJSON()""")
-    assert 0 <= rect["left"] < rect["right"] <= width
+    assert 0 < rect["left"] == width - rect["right"]
 
 
 GREEN, RED = "rgb(40, 167, 69)", "rgb(220, 53, 69)"
