@@ -1,54 +1,56 @@
-// The fixture of the unit tests: a fresh process context and the log switched on and captured.
+// What every unit test needs: a fresh process context, the log switched on and captured, tables.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <string>
+#include <regex>
+#include <sstream>
+#include <thread>
 
-#include "core/context.h"
 #include "core/log.h"
 #include "core/workers.h"
 #include "monitor/monitor.h"
+#include "support/fault.h"
+
+// False when it has not become true within that time.
+inline bool becomes_true(const std::function<bool()> &condition, int milliseconds = 20'000) {
+  for (; !condition() && milliseconds > 0; milliseconds--)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return condition();
+}
 
 // Collects what the agent writes to its standard error stream. The descriptor stays as it is, for
 // the reports of sanitizers.
 class LogCapture {
  public:
   LogCapture() : stream_(open_memstream(&text_, &size_)), before_(stderr) { stderr = stream_; }
-  LogCapture(const LogCapture &) = delete;
-  LogCapture &operator=(const LogCapture &) = delete;
   ~LogCapture() {
     stderr = before_;
     fclose(stream_);
     free(text_);
   }
 
-  // What came since the last call, as it is.
-  std::string take_raw() {
+  // What came since the last taking, as it is.
+  [[nodiscard]] std::string raw() const {
     flockfile(stream_);
     fflush(stream_);
-    const std::string all(text_, size_);
+    std::string fresh(text_ + taken_, size_ - taken_);
     funlockfile(stream_);
-    const std::string fresh = all.substr(taken_);
-    taken_ = all.size();
     return fresh;
   }
+  [[nodiscard]] bool has(const std::string &part) const {
+    return raw().find(part) != std::string::npos;
+  }
 
-  // The same without the time stamps: lines like "[ERROR] message".
+  // The same without the time stamps and the last line feed, once: lines like "[ERROR] message".
   std::string take() {
-    static constexpr size_t STAMP_LENGTH = 22;  // "[%H:%M:%S %m-%d-%Y] "
-    const std::string raw = take_raw();
-    std::string lines;
-    for (size_t at = 0; at < raw.size();) {
-      if (raw[at] == '[' && raw.compare(at + STAMP_LENGTH - 2, 3, "] [") == 0) at += STAMP_LENGTH;
-      const size_t end = std::min(raw.find('\n', at), raw.size() - 1) + 1;
-      lines += raw.substr(at, end - at);
-      at = end;
-    }
-    return lines;
+    static const std::regex stamp(R"((^|\n)\[..:..:.. ..-..-....\] )");
+    const std::string fresh = raw();
+    taken_ += fresh.size();
+    const std::string lines = std::regex_replace(fresh, stamp, "$1");
+    return lines.substr(0, lines.find_last_not_of('\n') + 1);
   }
 
  private:
@@ -62,25 +64,40 @@ class LogCapture {
 class AgentTest : public testing::Test {
  protected:
   AgentTest() {
-    signal(SIGPIPE, SIG_IGN);
-    workers_open();
+    static const bool opened = (workers_open(), signal(SIGPIPE, SIG_IGN) != SIG_ERR);
     context_reset();
-    proxy_context.running = 1;
-    log_enabled = true;
+    proxy_context.running = log_enabled = opened;
   }
   void TearDown() override {
+    workers_stop();
     if (monitor.stream_count > 0) monitor_cleanup();
   }
 
   LogCapture log;
 };
 
+using Row = std::pair<std::string, std::string>;
+
+// The rows of a table: "input -> expected", short ones parted by " | "; a line without an arrow
+// goes on with what is expected.
+inline std::vector<Row> rows(const std::string &table) {
+  std::vector<Row> all;
+  std::istringstream lines(std::regex_replace(table, std::regex(" [|] "), "\n"));
+  for (std::string line; std::getline(lines, line);) {
+    const size_t arrow = line.find(" -> ");
+    if (arrow != std::string::npos) {
+      all.emplace_back(line.substr(0, arrow), line.substr(arrow + 4));
+    } else if (!all.empty()) {
+      all.back().second += "\n" + line;
+    }
+  }
+  return all;
+}
+
 // A directory that goes with everything in it.
 class TempDir {
  public:
   TempDir() { EXPECT_NE(mkdtemp(path_.data()), nullptr); }
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
   ~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);

@@ -2,15 +2,16 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <netinet/tcp.h>
 
-#include <functional>
-#include <string>
-#include <thread>
+#include "core/sockets.h"
+#include "support/agent_test.h"
 
-#include "core/owners.h"
+inline sockaddr_in loopback(uint16_t port) {
+  sockaddr_in address;
+  EXPECT_TRUE(tcp_address("127.0.0.1", port, &address));
+  return address;
+}
 
 inline uint16_t port_of(const Fd &socket) {
   sockaddr_in address = {};
@@ -19,38 +20,27 @@ inline uint16_t port_of(const Fd &socket) {
   return ntohs(address.sin_port);
 }
 
-inline sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 // Bound to a free port; with a negative backlog it does not listen, so that connections are
 // refused.
 inline Fd loopback_socket(int backlog) {
   Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_in any = loopback(0);
   EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
-  if (backlog >= 0) {
-    EXPECT_EQ(listen(socket.get(), backlog), 0);
-  }
+  EXPECT_TRUE(backlog < 0 || listen(socket.get(), backlog) == 0);
   return socket;
 }
 
 // The agent's side and the far side of a TCP connection.
 struct TcpPair {
-  Fd ours;
+  Fd ours = tcp_socket();
   Fd far;
 
-  TcpPair() : ours(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  TcpPair() {
     const Fd listener = loopback_socket(1);
-    const sockaddr_in address = loopback(port_of(listener));
-    EXPECT_EQ(connect(ours.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    StopGrace none(0);
+    EXPECT_TRUE(tcp_connect(ours.get(), loopback(port_of(listener)), 20, &none));
     far = Fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    const timeval limit = {.tv_sec = 20, .tv_usec = 0};
-    setsockopt(far.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    EXPECT_TRUE(socket_set_options(far.get(), 20, 20, false));
   }
 };
 
@@ -61,16 +51,8 @@ inline void put(const Fd &socket, const std::string &bytes) {
 // What one receive brings; empty at the end of the connection.
 inline std::string get(const Fd &socket) {
   std::string bytes(16384, '\0');
-  const ssize_t received = recv(socket.get(), bytes.data(), bytes.size(), 0);
-  bytes.resize(received > 0 ? static_cast<size_t>(received) : 0);
+  bytes.resize(size_t(std::max<ssize_t>(recv(socket.get(), bytes.data(), bytes.size(), 0), 0)));
   return bytes;
-}
-
-inline std::string get_all(const Fd &socket) {
-  std::string all;
-  for (std::string part = get(socket); !part.empty(); part = get(socket))
-    all += part;
-  return all;
 }
 
 // Serves one connection after the other on a thread of its own, until it is destroyed.
@@ -78,14 +60,9 @@ class LoopbackServer {
  public:
   explicit LoopbackServer(std::function<void(const Fd &)> serve)
       : listener_(loopback_socket(10)), thread_([this, serve = std::move(serve)] {
-          for (;;) {
-            const Fd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!client) return;
+          while (const Fd client{accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)})
             serve(client);
-          }
         }) {}
-  LoopbackServer(const LoopbackServer &) = delete;
-  LoopbackServer &operator=(const LoopbackServer &) = delete;
   ~LoopbackServer() {
     shutdown(listener_.get(), SHUT_RDWR);
     thread_.join();

@@ -1,227 +1,135 @@
 #include "monitor/monitor.h"
 
-#include <string.h>
-#include <sys/stat.h>
-
-#include <string>
-
 #include "monitor/status_file.h"
 #include "support/agent_test.h"
-#include "support/fault.h"
 
 class MonitorTest : public AgentTest {
  protected:
-  static constexpr time_t START = 1'000'000;
+  static constexpr time_t START = 1'700'000'000;
 
   MonitorTest() {
-    setenv("TZ", "UTC", 1);
+    setenv("TZ", "XYZ-5:30", 1);
     tzset();
-  }
-
-  void open(size_t count) {
-    ASSERT_TRUE(monitor_init(count));
+    EXPECT_TRUE(monitor_init(3));
     log.take();
   }
 
-  void enable_status_file() {
-    proxy_context.config.status_file_enabled = 1;
-    proxy_context.config.status_file_path = const_cast<char *>(status_path.c_str());
+  static StreamMonitorState state(int stream_id = 1) {
+    StreamMonitorState copy = {};
+    EXPECT_TRUE(monitor_get_stream_state(stream_id, &copy)) << stream_id;
+    return copy;
   }
 
-  static StreamMonitorState state_of(int stream_id) {
-    StreamMonitorState state = {};
-    EXPECT_TRUE(monitor_get_stream_state(stream_id, &state));
-    return state;
+  static std::string shown(const std::function<char *(char *, size_t)> &format) {
+    char text[32];
+    EXPECT_EQ(format(text, sizeof text), text);
+    return text;
   }
 
   WallClock clock{START};
-  TempDir dir;
-  const std::string status_path = dir.file("status");
+  const TempDir dir;
+  std::string path = dir.file("status");
 };
 
-TEST_F(MonitorTest, InitChecksTheCountAndFillsTheRecords) {
-  EXPECT_FALSE(monitor_init(0));
-  EXPECT_FALSE(monitor_init(65));
-  EXPECT_EQ(log.take(),
-            "[ERROR] Invalid stream count for monitor initialization: 0\n"
-            "[ERROR] Invalid stream count for monitor initialization: 65\n");
-
-  std::string long_url(300, 'u');
-  char *urls[MAX_STREAMS] = {long_url.data(), nullptr};
-  proxy_context.config.stream_urls = urls;
-  proxy_context.config.stream_count = MAX_STREAMS;
-  ASSERT_TRUE(monitor_init(64));
-  EXPECT_EQ(log.take(), "[INFO ] Monitor started for 64 streams at 1970-01-12 13:46:40\n");
-  for (int id = 1; id <= 64; id++) {
-    const StreamMonitorState state = state_of(id);
-    EXPECT_EQ(state.stream_id, static_cast<uint32_t>(id));
-    EXPECT_EQ(state.status, STREAM_OFFLINE);
-    EXPECT_EQ(state.last_change, START);
-    EXPECT_EQ(state.last_update, 0);
-    EXPECT_EQ(state.url, id == 1 ? std::string(255, 'u') : "");
-  }
-  StreamMonitorState state;
-  EXPECT_FALSE(monitor_get_stream_state(0, &state));
-  EXPECT_FALSE(monitor_get_stream_state(65, &state));
-  EXPECT_FALSE(monitor_get_stream_state(1, nullptr));
-}
-
-TEST_F(MonitorTest, StatusChangesAreLoggedOnceAndStamped) {
-  open(2);
-  for (const StreamStatus status : {STREAM_CONNECTING, STREAM_REGISTERED, STREAM_REGISTERED,
-                                    static_cast<StreamStatus>(7), STREAM_ERROR, STREAM_OFFLINE}) {
-    clock.set(START + status);
-    EXPECT_TRUE(monitor_update_status(2, status));
-    EXPECT_EQ(state_of(2).last_change, START + status);
-    clock.set(START + 100);
-    EXPECT_TRUE(monitor_update_status(2, status));
-    EXPECT_EQ(state_of(2).last_change, START + status);
-    EXPECT_EQ(state_of(2).status, status);
-  }
-  EXPECT_FALSE(monitor_update_status(0, STREAM_ERROR));
-  EXPECT_FALSE(monitor_update_status(3, STREAM_ERROR));
-  EXPECT_EQ(log.take(),
-            "[DEBUG] Stream 2 status change: offline -> connecting\n"
-            "[DEBUG] Stream 2 status change: connecting -> registered\n"
-            "[DEBUG] Stream 2 status change: registered -> unknown\n"
-            "[DEBUG] Stream 2 status change: unknown -> error\n"
-            "[DEBUG] Stream 2 status change: error -> offline\n"
-            "[ERROR] Invalid channel ID in status update: 0\n"
-            "[ERROR] Invalid channel ID in status update: 3\n");
-}
-
 TEST_F(MonitorTest, OfflineClearsRateAndStreamingButKeepsTotals) {
-  open(1);
-  monitor_update_status(1, STREAM_STREAMING);
-  clock.set(START + 5);
-  monitor_update_stats(1, 100, 0);
-  clock.set(START + 10);
-  monitor_update_stats(1, 50, 0);
+  const auto figures = [] {
+    return std::vector<int64_t>{state().streaming_since, int64_t(state().streaming_duration),
+                                int64_t(state().rate), int64_t(state().bytes_total)};
+  };
   // Streaming again without offline in between keeps the first start.
-  monitor_update_status(1, STREAM_CONNECTING);
-  monitor_update_status(1, STREAM_STREAMING);
-  EXPECT_EQ(monitor_get_streaming_duration(1), 10U);
-  StreamMonitorState state = state_of(1);
-  EXPECT_EQ(state.streaming_since, START);
-  EXPECT_EQ(state.streaming_duration, 10U);
-  EXPECT_EQ(state.rate, 10U);
-
+  for (const StreamStatus status : {STREAM_STREAMING, STREAM_CONNECTING, STREAM_STREAMING}) {
+    monitor_update_status(1, status);
+    clock.now += 5;
+    monitor_update_stats(1, 50, 0);
+  }
+  EXPECT_EQ(monitor_get_streaming_duration(1), 15U);
+  EXPECT_EQ(figures(), (std::vector<int64_t>{START, 15, 10, 150}));
   monitor_update_status(1, STREAM_OFFLINE);
-  state = state_of(1);
-  EXPECT_EQ(state.streaming_since, 0);
-  EXPECT_EQ(state.streaming_duration, 0U);
-  EXPECT_EQ(state.rate, 0U);
-  EXPECT_EQ(state.bytes_total, 150U);
-  EXPECT_EQ(state.last_update, START + 10);
+  EXPECT_EQ(figures(), (std::vector<int64_t>{0, 0, 0, 150}));
 }
 
 TEST_F(MonitorTest, ErrorsLastUntilTheNextOtherStatus) {
-  enable_status_file();
-  open(1);
-  monitor_update_status(1, STREAM_STREAMING);
-  log.take();
-  clock.set(START + 1);
   const std::string text(300, '%');
-  EXPECT_TRUE(monitor_update_error(1, -2, text.c_str()));
-  StreamMonitorState state = state_of(1);
-  EXPECT_EQ(state.status, STREAM_ERROR);
-  EXPECT_EQ(state.last_error_code, -2);
-  EXPECT_EQ(state.last_error_message, std::string(255, '%'));
-  EXPECT_EQ(state.last_error_time, START + 1);
-  EXPECT_EQ(state.last_change, START + 1);
-  EXPECT_EQ(state.streaming_since, START);
-  EXPECT_EQ(read_file(status_path), "1");  // not rewritten by an error
-  EXPECT_EQ(log.take(), "[DEBUG] Stream 1 error: [-2] " + text + "\n");
-
+  fail_each_allocation([&](const auto &fault) {
+    const bool updated = monitor_update_error(1, -2, text.c_str());
+    EXPECT_NE(updated, fault.struck());
+    EXPECT_EQ(state().status, fault.struck() ? STREAM_OFFLINE : STREAM_ERROR);
+  });
+  EXPECT_TRUE(log.take().ends_with("\n[DEBUG] Stream 1 error: [-2] " + text));
   monitor_update_status(1, STREAM_ERROR);
-  EXPECT_EQ(state_of(1).last_error_code, -2);
-  monitor_update_status(1, STREAM_REGISTERED);
-  state = state_of(1);
-  EXPECT_EQ(state.last_error_code, 0);
-  EXPECT_STREQ(state.last_error_message, "");
-  EXPECT_EQ(state.last_error_time, START + 1);
-  log.take();
-
-  EXPECT_FALSE(monitor_update_error(2, 1, "x"));
-  EXPECT_FALSE(monitor_update_error(1, 1, nullptr));
-  for (const int nth : {1, 2, 3}) {
-    const Fault fault(Call::ALLOCATE, nth, ENOMEM);
-    EXPECT_FALSE(monitor_update_error(1, 1, text.c_str()));
-  }
-  EXPECT_EQ(state_of(1).status, STREAM_REGISTERED);
-  EXPECT_EQ(log.take(),
-            "[ERROR] Invalid parameters in monitor_update_error\n"
-            "[ERROR] Invalid parameters in monitor_update_error\n"
-            "[ERROR] Failed to create string builder for error message\n"
-            "[ERROR] Failed to create string builder for error message\n"
-            "[ERROR] Failed to append error message to string builder\n");
+  EXPECT_EQ(state().last_error_code, -2);
+  EXPECT_EQ(state().last_error_message, std::string(255, '%'));
+  monitor_update_status(1, StreamStatus(7));
+  EXPECT_EQ(state().last_error_code, 0);
+  EXPECT_STREQ(state().last_error_message, "");
+  EXPECT_EQ(log.take(), "[DEBUG] Stream 1 status change: error -> unknown");
 }
 
+// From time, sent and received to total and rate. The first interval is since the epoch; within a
+// second, or with the clock set back, it is kept.
 TEST_F(MonitorTest, RateIsTheTrafficOfTheLastInterval) {
-  open(1);
-  struct Case {
-    time_t now;
-    uint64_t sent;
-    uint64_t received;
-    uint64_t total;
-    uint64_t rate;
-  };
-  for (const Case &c : {
-           Case{START, START - 1, 0, START - 1, 0},  // the first interval is since the epoch
-           {START, 500, 500, START + 499, 0},        // the same second: kept
-           {START + 4, 10, 33, START + 509, 10},     // both directions, truncated
-           {START + 4, 1, 1000, START + 510, 10},    //
-           {START + 2, 5, 1000, START + 515, 10},    // the clock was set back: kept
-           {START + 3, uint64_t{1} << 40, 1, START + 515 + (uint64_t{1} << 40),
-            (uint64_t{1} << 40) + 1},
-       }) {
-    clock.set(c.now);
-    EXPECT_TRUE(monitor_update_stats(1, c.sent, c.received));
-    const StreamMonitorState state = state_of(1);
-    EXPECT_EQ(state.bytes_total, c.total);
-    EXPECT_EQ(state.rate, c.rate);
-    EXPECT_EQ(state.last_update, c.now);
-    EXPECT_EQ(state.last_change, c.now);
+  for (const auto &[update, expected] : rows(R"(
+1000000 999999 0 -> 999999 0 | 1000000 500 500 -> 1000499 0 | 1000004 10 33 -> 1000509 10
+1000004 1 1000 -> 1000510 10 | 1000002 5 1000 -> 1000515 10
+1000003 1099511627776 1 -> 1099512628291 1099511627777
+)")) {
+    uint64_t now[3];  // and sent and received
+    std::istringstream(update) >> now[0] >> now[1] >> now[2];
+    clock.now = time_t(now[0]);
+    EXPECT_TRUE(monitor_update_stats(1, now[1], now[2])) << update;
+    EXPECT_EQ(std::to_string(state().bytes_total) + " " + std::to_string(state().rate), expected)
+        << update;
   }
-  EXPECT_FALSE(monitor_update_stats(2, 1, 1));
-  clock.fail();
-  EXPECT_FALSE(monitor_update_stats(1, 1, 1));
-  EXPECT_EQ(log.take(),
-            "[ERROR] Invalid channel ID in monitor_update_stats: 2\n"
-            "[ERROR] Failed to get current time: Value too large for defined data type\n");
 }
 
 TEST_F(MonitorTest, StatusFileFollowsTheStreams) {
-  enable_status_file();
-  open(3);
-  EXPECT_FALSE(std::filesystem::exists(status_path));
-  struct Case {
-    int stream;
-    StreamStatus status;
-    const char *content;
-  };
-  for (const Case &c : {Case{1, STREAM_OFFLINE, "0"},
-                        {1, STREAM_CONNECTING, "0"},
-                        {3, STREAM_REGISTERED, "1"},
-                        {2, STREAM_ERROR, "1"},
-                        {1, STREAM_STREAMING, "1"},
-                        {3, STREAM_CONNECTING, "1"},
-                        {1, STREAM_ERROR, "0"},
-                        {1, STREAM_ERROR, "0"}}) {
-    write_file(status_path, "longer content");
-    EXPECT_TRUE(monitor_update_status(c.stream, c.status));
-    EXPECT_EQ(read_file(status_path), c.content);
+  proxy_context.config.status_file_enabled = 1;
+  proxy_context.config.status_file_path = path.data();
+  for (const auto &[update, expected] : rows(R"(
+1 0 -> 0 | 1 1 -> 0 | 3 2 -> 1 | 2 4 -> 1 | 1 3 -> 1 | 3 1 -> 1 | 1 4 -> 0
+)")) {
+    write_file(path, "longer content");
+    EXPECT_TRUE(monitor_update_status(update[0] - '0', StreamStatus(update[2] - '0')));
+    EXPECT_EQ(read_file(path), expected) << update;
   }
+  write_file(path, "as it was");
+  monitor_update_error(1, 1, "");
+  EXPECT_EQ(read_file(path), "as it was");
   log.take();
-  monitor_cleanup();
-  EXPECT_FALSE(std::filesystem::exists(status_path));
-  EXPECT_EQ(log.take(),
-            "[INFO ] Final system uptime: 0s\n"
-            "[DEBUG] Successfully removed status file " +
-                status_path +
-                "\n"
-                "[INFO ] Monitor cleanup completed\n");
+  const std::string failed = "[ERROR] Failed to write to status file " + path + ": ";
+  limit_files(0);
+  EXPECT_TRUE(monitor_write_status_file());
+  limit_files(RLIM_INFINITY);
+  EXPECT_EQ(log.take(), failed + "File too large");
+  EXPECT_TRUE(monitor_remove_status_file());
+  EXPECT_TRUE(std::filesystem::create_directory(path));
+  EXPECT_TRUE(monitor_write_status_file());
   EXPECT_FALSE(monitor_remove_status_file());
-  EXPECT_EQ(log.take(), "[INFO ] Failed to remove status file " + status_path +
-                            ": No such file or directory\n");
+  EXPECT_TRUE(std::filesystem::is_directory(path));
+}
+
+TEST_F(MonitorTest, DurationShowsItsTwoLargestUnits) {
+  for (const auto &[seconds, expected] : rows(R"(
+0 -> 0s | 59 -> 59s | 60 -> 1m 00s | 3599 -> 59m 59s | 3600 -> 1h 00m | 86399 -> 23h 59m
+86400 -> 1d 00h | 90061 -> 1d 01h | 4294967295 -> 49710d 06h
+)")) {
+    clock.now = START + std::stol(seconds);
+    EXPECT_EQ(shown(monitor_format_uptime), expected) << seconds;
+  }
+  EXPECT_EQ(shown(monitor_format_start_time), "2023-11-15 03:43:20");
+}
+
+TEST_F(MonitorTest, StreamUptimeFollowsTheWallClock) {
+  const auto stream_uptime = [](int id) {
+    return shown([id](auto... buffer) { return monitor_format_stream_uptime(id, buffer...); });
+  };
+  for (const int id : {0, 1, 4})
+    EXPECT_EQ(stream_uptime(id), "N/A") << id;
+  monitor_update_status(1, STREAM_STREAMING);
+  // The clock set back, and more than the difference can hold.
+  for (const auto &[seconds, expected] :
+       {std::pair{0L, "N/A"}, {61L, "1m 01s"}, {-1L, "49710d 06h"}, {1L << 31, "49710d 06h"}}) {
+    clock.now = START + seconds;
+    EXPECT_EQ(stream_uptime(1), expected) << seconds;
+  }
 }
