@@ -135,6 +135,8 @@ class Fleet:
     def run(self) -> "Fleet":
         options = self.options
         is_start = options.scenario != "cloud"
+        if is_start:    # whole devices
+            options.streams -= options.streams % options.per_device
         units = options.streams // (options.per_device if is_start else 1)
         classes = min(units, MAX_CLASSES)
         for i in range(classes):
@@ -230,7 +232,7 @@ def parser() -> argparse.ArgumentParser:
     made = argparse.ArgumentParser(description=__doc__,
                                    formatter_class=argparse.RawDescriptionHelpFormatter)
     made.add_argument("scenario", choices=("cloud", "balancer", "power", "table", "plot"))
-    made.add_argument("file", nargs="?", help="of the plot")
+    made.add_argument("file", nargs="?", default="fleet.png", help="of the plot (%(default)s)")
     for name, kind, default, text in (
             ("streams", int, 1000, "of the whole fleet"),
             ("per-device", int, 4, "streams"),
@@ -250,7 +252,8 @@ def parser() -> argparse.ArgumentParser:
              "when a device's system asks for a connection; Linux since 6.5: 0,1,2,3,4,5,7"),
             ("overflow", str, "drop", "what happens without a place: drop or refuse"),
             ("until", float, 14400, "seconds")):
-        made.add_argument(f"--{name}", type=kind, default=default, help=f"{text} ({default})")
+        made.add_argument(f"--{name}", type=kind, default=default, help=f"{text} ({default})",
+                          choices=("refuse", "drop") if default in ("refuse", "drop") else None)
     return made
 
 
