@@ -37,8 +37,7 @@ step() {
 }
 
 check_style() {
-    clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/*.h \
-        tests/support/*.cc
+    clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/*.h
 }
 
 # Quiet unless it fails.
