@@ -63,6 +63,7 @@ int agent_main(int argc, char **argv) {
 
   // From here on a failure, too, takes the way of an ordinary stop.
   const bool started = start_threads(config);
+  if (started) workers_release();
   while (started && agent_running())
     main_pause(RUN_LOOP_STEP_S);
 

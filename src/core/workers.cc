@@ -37,7 +37,8 @@ static constexpr int FREE = -1;  // marks a slot of the table
 
 struct Workers {
   Mutex lock;
-  pthread_cond_t changed;  // a worker left, or tear-down began; waits by the monotonic clock
+  pthread_cond_t changed;  // of what follows, or tear-down began; waits by the monotonic clock
+  bool released GUARDED_BY(lock);
   size_t live GUARDED_BY(lock);
   std::array<int, MAX_WORKER_SOCKETS> sockets GUARDED_BY(lock);
 };
@@ -57,6 +58,7 @@ void workers_open() {
   pthread_cond_init(&workers.changed, &attributes);
   pthread_condattr_destroy(&attributes);
   const ScopedLock lock(&workers.lock);
+  workers.released = false;
   workers.live = 0;
   workers.sockets.fill(FREE);
 }
@@ -97,6 +99,18 @@ int worker_start(void *(*body)(void *), void *argument) {
 
 WorkerPresence::~WorkerPresence() {
   worker_left();
+}
+
+void worker_await_release() {
+  const ScopedLock lock(&workers.lock);
+  while (agent_running() && !workers.released)
+    pthread_cond_wait(&workers.changed, &workers.lock.native);
+}
+
+void workers_release() {
+  const ScopedLock lock(&workers.lock);
+  workers.released = true;
+  pthread_cond_broadcast(&workers.changed);
 }
 
 void worker_pause(int milliseconds) {

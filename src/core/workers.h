@@ -32,6 +32,13 @@ class WorkerPresence {
   ~WorkerPresence();
 };
 
+// Worker: waits until workers_release, or until tear-down begins.
+void worker_await_release();
+
+// Main thread, once the start is over: from now on workers may take descriptors and memory. Until
+// then the rest of the start has them to itself.
+void workers_release();
+
 // Worker: sleeps by the monotonic clock; returns early when tear-down begins.
 void worker_pause(int milliseconds);
 

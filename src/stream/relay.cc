@@ -121,7 +121,9 @@ struct RelayStats {
 
 static void report_stats(const RelayContext *relay, RelayStats *stats) {
   const time_t now = time(nullptr);
-  if (now <= stats->reported) return;
+  // A clock that was set back begins a new interval; its bytes are reported with it.
+  if (now < stats->reported) stats->reported = now;
+  if (now == stats->reported) return;
   monitor_update_stats(relay->stream->stream_id, stats->sent, stats->received);
   *stats = {.sent = 0, .received = 0, .reported = now};
 }

@@ -25,6 +25,9 @@ void health_send_failed(RelayHealth *health) {
 
 // A check that fails stays due: the relay ends by it.
 bool health_check(RelayHealth *health, time_t now) {
+  // A clock that was set back begins a new interval, or there would be no check until it has caught
+  // up.
+  if (now < health->checked) health->checked = now;
   if (now - health->checked < HEALTH_CHECK_INTERVAL) return true;
   if (health->score < HEALTH_MINIMUM) return false;
   health->checked = now;

@@ -82,6 +82,7 @@ static bool serve_cloud(const StreamContext *stream) {
 // The end of a relay is never the end of the thread, and costs no pause.
 static void stream_thread(const StreamContext *stream) {
   monitor_update_status(stream->stream_id, STREAM_OFFLINE);
+  worker_await_release();
   int retry_delay = FIRST_DELAY_S;
   while (agent_running() && probe_camera(stream, &retry_delay)) {
     monitor_update_status(stream->stream_id, STREAM_CONNECTING);

@@ -270,3 +270,13 @@ def test_accept_that_fails_pauses(rig):
         assert agent.wait_for(failed, 15) - agent.wait_for(failed) > 0.5
         assert client.recv(15) == b"HTTP/1.1 200 OK"
     assert agent.text.count(failed) == 15
+
+
+def test_too_few_descriptors_for_every_stream(rig):
+    """The start has them to itself; the streams share what is left, and all come with the rest."""
+    agent = rig.start(rig.camera.url("/cam{1-64}"), options=["-d", "-p", "18282"],
+                      prefix=["sh", "-c", "ulimit -Sn 20; exec \"$0\" \"$@\""])
+    agent.wait_for("Web server started on port 18282")
+    agent.wait_for("Too many open files")
+    subprocess.run(["prlimit", f"--pid={agent.pid}", "--nofile=1024:"], check=True)
+    wait_until(lambda: rig.cloud.registered_count >= 64, 40, "registrations")
