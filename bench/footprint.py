@@ -15,6 +15,7 @@ PACED = "paced {} 45 1"    # ms; 0.5 Mbit/s on each stream
 
 IDLE_LIMIT = 720          # KiB of own pages, all streams registered
 RELAY_LIMIT = 25          # KiB of own pages that each relay adds
+KEPT_LIMIT = 9            # KiB of own pages that stay for each stream that has relayed
 START_LIMIT = 50          # ms to the last registration
 AGAIN_LIMIT = 250         # ms from the end of a relay to its stream's registration
 
@@ -47,8 +48,10 @@ def measure_memory(title: str, kind: str, http: bool, factor: float, verdicts: V
             limited = kind == "agent" and streams == STREAMS and state == 0
             verdicts.figure(f"{streams} {name}", own[state], "KiB",
                             IDLE_LIMIT * factor if limited else None, f"Pss {pss[state]:.0f}")
-    verdicts.figure("each relay adds", (own[2] - own[0]) / STREAMS, "KiB",
-                    RELAY_LIMIT * factor if kind == "agent" else None)
+    for name, state, limit in (("each relay adds", 2, RELAY_LIMIT),
+                               ("each stream that has relayed keeps", 3, KEPT_LIMIT)):
+        verdicts.figure(name, (own[state] - own[0]) / STREAMS, "KiB",
+                        limit * factor if kind == "agent" else None)
 
 
 def measure_starts(kind: str, limit: float | None, verdicts: Verdicts) -> None:

@@ -20,4 +20,10 @@ foreach(host IN ITEMS CAMERA_AGENT_ACCOUNT_HOST CAMERA_AGENT_CAMERA_WEB_HOST)
   endif()
 endforeach()
 
+set(CAMERA_AGENT_VERSION "local_build" CACHE STRING "Version text of this build")
+if(NOT CAMERA_AGENT_VERSION MATCHES "^[A-Za-z0-9._+~-]+$")
+  message(FATAL_ERROR "CAMERA_AGENT_VERSION must be letters, digits and . _ + ~ -, "
+                      "not \"${CAMERA_AGENT_VERSION}\"")
+endif()
+
 configure_file(src/core/deployment.h.in ${CMAKE_CURRENT_BINARY_DIR}/generated/core/deployment.h @ONLY)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Everything that must pass, from a fresh clone, as root on Debian 12: style, builds with both
 # compilers, unit tests, whole-agent tests and browser tests, the former two also under the
-# sanitizers. Installs what it lacks. About a quarter of an hour on two cores.
+# sanitizers, and a short soak. Installs what it lacks. About a quarter of an hour on two cores.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
@@ -13,15 +13,18 @@ main() {
     ensure_packages cmake ninja-build g++ clang clang-format clang-tidy libgtest-dev binutils \
         python3 python3-pytest python3-pytest-xdist python3-selenium python3-gi iproute2 openssl \
         gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
-        gstreamer1.0-plugins-bad ffmpeg strace chromium chromium-driver fonts-dejavu-core
+        gstreamer1.0-plugins-bad ffmpeg strace ethtool chromium chromium-driver fonts-dejavu-core
     step "style" check_style
     for preset in release dev asan tsan; do step "build $preset" build $preset; done
     step "binary" scripts/check_symbols.sh
     step "build settings" check_settings
     step "lint" check_lint
     for preset in dev asan tsan; do step "unit tests, $preset" unit_tests $preset; done
-    step "whole agent" agent_tests release
+    step "whole agent, links" agent_tests_and_links
+    step "fuzz" scripts/fuzz.sh 5s
+    step "schedules" scripts/stress.sh
     step "browser" browser_tests
+    step "soak" scripts/soak.sh 40s
     step "whole agent, asan" agent_tests asan -m "not heavy"
     step "whole agent, tsan" agent_tests tsan -m "not heavy"
     echo "everything passed in $SECONDS s"
@@ -37,7 +40,8 @@ step() {
 }
 
 check_style() {
-    clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/*.h
+    clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/* \
+        tests/fuzz/*.cc tests/fuzz/*.h
 }
 
 # Quiet unless it fails.
@@ -84,6 +88,20 @@ agent_tests() {
     local preset=$1
     shift
     CAMERA_AGENT=build/$preset/camera-agent $python -m pytest -q -n 2 tests/agent "$@"
+}
+
+# The links take two minutes of waiting and little else: beside the others.
+agent_tests_and_links() {
+    local links log failed=0
+    log=$(mktemp)
+    CAMERA_AGENT=build/release/camera-agent $python -m pytest -q -n 12 tests/agent/test_links.py \
+        >"$log" 2>&1 &
+    links=$!
+    agent_tests release --ignore tests/agent/test_links.py || failed=1
+    wait $links || { cat "$log" >&2; failed=1; }
+    tail -n 1 "$log"
+    rm "$log"
+    return $failed
 }
 
 browser_tests() {

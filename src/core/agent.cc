@@ -6,6 +6,7 @@
 
 #include "core/config.h"
 #include "core/context.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/proxy.h"
 #include "core/signals.h"
@@ -14,7 +15,8 @@
 #include "web/http_server.h"
 #include "web/routes.h"
 
-static constexpr int RUN_LOOP_STEP_S = 1;
+// A stop signal ends the wait at once, and nothing else ends the loop: a device sleeps meanwhile.
+static constexpr int RUN_LOOP_STEP_S = 3600;
 
 // Whoever started the agent may have closed them. The next file or socket would then get the number
 // of standard error, and the log, with the camera's password in it, would go there: into the stored
@@ -48,6 +50,7 @@ int agent_main(int argc, char **argv) {
   AgentConfig config = {};
   context_reset();
   if (!open_standard_descriptors()) return 1;
+  heap_open();
   workers_open();
   signals_install();
 

@@ -8,6 +8,7 @@
 
 #include "core/deployment.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/stream_urls.h"
 #include "core/text.h"
 #include "core/text_list.h"
@@ -15,27 +16,6 @@
 
 static constexpr uint16_t DEFAULT_API_PORT = 8111;
 static constexpr uint16_t DEFAULT_HTTP_PORT = 8282;
-
-static constexpr char SHORT_OPTIONS[] = "c:f:s:v:m:dglnp:rVh";
-
-// The order shows: where an abbreviation is ambiguous, the parser's diagnostic lists the candidates
-// by it.
-static constexpr option LONG_OPTIONS[] = {
-    {"config", required_argument, nullptr, 'c'},
-    {"stream", required_argument, nullptr, 's'},
-    {"vendor", required_argument, nullptr, 'v'},
-    {"model", required_argument, nullptr, 'm'},
-    {"debug", no_argument, nullptr, 'd'},
-    {"group-streams", no_argument, nullptr, 'g'},
-    {"legacy-add", no_argument, nullptr, 'l'},
-    {"no-http", no_argument, nullptr, 'n'},
-    {"http-port", required_argument, nullptr, 'p'},
-    {"require-auth", no_argument, nullptr, 'r'},
-    {"version", no_argument, nullptr, 'V'},
-    {"help", no_argument, nullptr, 'h'},
-    {"status-file", optional_argument, nullptr, 'f'},
-    {nullptr, 0, nullptr, 0},
-};
 
 // Logging has to be on before the first option is parsed, or the lines of earlier options would
 // be lost; so the arguments are searched for the two exact spellings beforehand.

@@ -84,7 +84,7 @@ static bool prepare_stream(size_t i, const char *url) {
   StreamMonitorState *snapshot = stream->monitor_snapshot;
   text_copy_to(snapshot->url, sizeof snapshot->url, url);
   snapshot->last_change = time(nullptr);
-  // The words of old: the thread is prepared here, and started by the start sequence.
+  // Meant so, though the thread is only prepared here: the start sequence starts it.
   log_message(LOG_DEBUG, "Started thread %zu for stream %s", i + 1, url);
   return true;
 }

@@ -2,8 +2,10 @@
 
 #include <stdio.h>
 
-// -m and -v stand among the optional ones although both are required: the text is what the
-// command line has always said, and stays.
+#include "core/deployment.h"
+
+// -m and -v stand among the optional ones although both are required: the text is part of
+// the command line's contract.
 static constexpr char OPTION_TEXT[] = R"(Usage: %s [OPTIONS]
 Required Options:
   -c, --config=DIR      Configuration directory

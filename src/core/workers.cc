@@ -11,7 +11,6 @@
 #include "core/workers.h"
 
 #include <errno.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <stdint.h>
 #include <sys/socket.h>
@@ -46,11 +45,6 @@ struct Workers {
 static Workers workers;
 
 void workers_open() {
-#if defined(__GLIBC__)
-  // One heap for all: by default each thread that allocates gets an arena of its own, up to eight
-  // per core.
-  mallopt(M_ARENA_MAX, 1);
-#endif
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
   // Otherwise a pause would stretch when the wall clock is set back.

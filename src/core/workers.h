@@ -14,8 +14,7 @@
 // A stream holds at most two sockets at a time: its cloud and its camera connection.
 inline constexpr size_t MAX_WORKER_SOCKETS = 2 * MAX_STREAMS;
 
-// Prepares the room, and the heap for many threads that rarely allocate. Main thread, once, before
-// any worker.
+// Prepares the room. Main thread, once, before any worker.
 void workers_open();
 
 // Starts body(argument) on a detached thread with SIGINT and SIGTERM blocked, so that these always

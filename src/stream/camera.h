@@ -6,7 +6,10 @@
 #include "core/workers.h"
 #include "stream/stream_context.h"
 
-// True when the camera answers the probe with "RTSP/1.0 200 OK" within the time-outs of 2 s.
+// True when the camera answers the probe with "RTSP/1.0 200 OK" within the time-outs of 2 s. What
+// came is left, terminated, at the start of the stream's camera buffer: after false an empty text,
+// if the buffer was one before, or the unsent request mean that nothing came, and errno is why (as
+// it was before when the camera has closed).
 [[nodiscard]] bool stream_check(const StreamContext *stream);
 
 // A connected camera socket, or none after the failure has been reported to the monitor.

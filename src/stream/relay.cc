@@ -17,6 +17,7 @@
 #include "stream/camera.h"
 #include "stream/relay_health.h"
 #include "stream/relay_send.h"
+#include "stream/relay_watch.h"
 
 static constexpr int STREAMING_TIMEOUT_S = 120;
 static constexpr int SILENCE_PAUSE_MS = 10;   // after a receive that timed out
@@ -50,28 +51,47 @@ struct RelayEnd {
 
 static constexpr RelayEnd FOLLOWS_THE_OTHER = {};
 
-// The two ways in which sending to a peer ends the relay; the code comes with the outcome.
-struct SendEnds {
-  RelayEnd closed;
-  RelayEnd failed;
-};
+// The ways in which the peers end a relay, with the code of each where it is always the same.
+static constexpr RelayEnd CAMERA_CLOSED = {
+    .code = ECONNRESET, .reason = "Camera connection closed", .log = EndLog::PLAIN};
+static constexpr RelayEnd CLOUD_CLOSED = {.code = ECONNRESET,
+                                          .reason = "Cloud connection closed (read failed)"};
+static constexpr RelayEnd CLOUD_REFUSES = {.reason = "Cloud connection closed (write failed)"};
+static constexpr RelayEnd CAMERA_FAILED = {.reason = "Camera send error",
+                                           .log = EndLog::WITH_ERROR};
+static constexpr RelayEnd CLOUD_FAILED = {.reason = "Cloud send error", .log = EndLog::WITH_ERROR};
 
-static constexpr SendEnds CLOUD_SEND_ENDS = {
-    .closed = {.reason = "Cloud connection closed (write failed)"},
-    .failed = {.reason = "Cloud send error", .log = EndLog::WITH_ERROR},
-};
-static constexpr SendEnds CAMERA_SEND_ENDS = {
-    .closed = {.reason = "Camera connection closed", .log = EndLog::PLAIN},
-    .failed = {.reason = "Camera send error", .log = EndLog::WITH_ERROR},
-};
+static RelayEnd with_code(RelayEnd end, int code) {
+  end.code = code;
+  return end;
+}
+
+static RelayEnd end_of_dead(RelayPeer dead) {
+  return with_code(dead == RelayPeer::CLOUD ? CLOUD_FAILED : CAMERA_FAILED, ETIMEDOUT);
+}
 
 // True when a chunk could not be sent, which ends the relay.
-static bool ends_by_sending(const SendOutcome &outcome, const SendEnds &ends, RelayEnd *end) {
-  if (outcome.result == SendResult::SENT) return false;
-  *end = outcome.result == SendResult::CLOSED   ? ends.closed
-         : outcome.result == SendResult::FAILED ? ends.failed
-                                                : FOLLOWS_THE_OTHER;
-  end->code = outcome.error;
+static bool ends_by_sending(const SendOutcome &outcome, const RelayOutput &output, RelayEnd *end) {
+  const bool to_cloud = output.peer == RelayPeer::CLOUD;
+  switch (outcome.result) {
+    case SendResult::SENT:
+      return false;
+    case SendResult::STOPPED:
+      *end = FOLLOWS_THE_OTHER;
+      break;
+    case SendResult::CLOSED:
+      *end = with_code(to_cloud ? CLOUD_REFUSES : CAMERA_CLOSED, outcome.error);
+      break;
+    case SendResult::FAILED:
+      *end = with_code(to_cloud ? CLOUD_FAILED : CAMERA_FAILED, outcome.error);
+      break;
+    case SendResult::SOURCE_CLOSED:
+      *end = to_cloud ? CAMERA_CLOSED : CLOUD_CLOSED;
+      break;
+    case SendResult::PEER_DEAD:
+      *end = end_of_dead(output.watch->dead);
+      break;
+  }
   return true;
 }
 
@@ -131,7 +151,7 @@ static void report_stats(const RelayContext *relay, RelayStats *stats) {
 // True when a receive from the camera that brought nothing ends the relay.
 static bool ends_without_data(ssize_t received, int error, RelayEnd *end) {
   if (received == 0) {
-    *end = {.code = ECONNRESET, .reason = "Camera connection closed", .log = EndLog::PLAIN};
+    *end = CAMERA_CLOSED;
     return true;
   }
   if (is_time_out(error)) {
@@ -162,10 +182,12 @@ static RelayEnd copy_camera_to_cloud(const RelayContext *relay, time_t started) 
   RelayHealth health = {.checked = started};
   RelayStats stats = {.reported = started};
   const RelayOutput cloud = {.socket = relay->cloud_fd,
+                             .source = relay->camera_fd,
                              .peer = RelayPeer::CLOUD,
                              .active = relay->active,
                              .health = &health,
-                             .sent = &stats.sent};
+                             .sent = &stats.sent,
+                             .watch = nullptr};
   char *buffer = relay->stream->buffers->camera;
   Follows follows = Follows::NOTHING;
   RelayEnd end = FOLLOWS_THE_OTHER;
@@ -185,12 +207,12 @@ static RelayEnd copy_camera_to_cloud(const RelayContext *relay, time_t started) 
     report_stats(relay, &stats);
     follows = length == TRANSFER_SIZE ? Follows::MORE : Follows::NOTHING;
     const SendOutcome outcome = relay_send(cloud, buffer, length, follows);
-    if (ends_by_sending(outcome, CLOUD_SEND_ENDS, &end)) return end;
+    if (ends_by_sending(outcome, cloud, &end)) return end;
   }
   return end;
 }
 
-static void relay_camera_to_cloud(RelayContext *relay, time_t started) {
+void relay_camera_to_cloud(RelayContext *relay, time_t started) {
   const RelayEnd end = copy_camera_to_cloud(relay, started);
   socket_set_no_delay(relay->cloud_fd);  // pushes what the last chunk may have left behind
   const RelayEnding ending(relay);
@@ -204,7 +226,7 @@ static void relay_camera_to_cloud(RelayContext *relay, time_t started) {
 // True when a receive from the cloud that brought nothing ends the relay.
 static bool ends_without_word(ssize_t received, int error, RelayEnd *end) {
   if (received == 0) {
-    *end = {.code = ECONNRESET, .reason = "Cloud connection closed (read failed)"};
+    *end = CLOUD_CLOSED;
     return true;
   }
   // The cloud may be silent for as long as it likes.
@@ -213,24 +235,41 @@ static bool ends_without_word(ssize_t received, int error, RelayEnd *end) {
   return true;
 }
 
+// The next chunk of the cloud, with what recv() returns. The wait is short: this thread has the
+// time to look after both peers.
+static ssize_t receive_from_cloud(const RelayContext *relay, char *buffer) {
+  const ssize_t received = recv(relay->cloud_fd, buffer, TRANSFER_SIZE, MSG_DONTWAIT);
+  if (received >= 0 || !is_time_out(errno)) return received;
+  pollfd wait = {.fd = relay->cloud_fd, .events = POLLIN, .revents = 0};
+  const int ready = poll(&wait, 1, WATCH_STEP_MS);
+  if (ready == 0) errno = EAGAIN;
+  if (ready == 0 || (ready < 0 && errno == EINTR)) return -1;
+  // A poll that fails would fail again at once: then the receive waits, as long as it may.
+  return recv(relay->cloud_fd, buffer, TRANSFER_SIZE, 0);
+}
+
 static RelayEnd copy_cloud_to_camera(const RelayContext *relay) {
+  RelayWatch watch = {.cloud_fd = relay->cloud_fd, .camera_fd = relay->camera_fd};
   const RelayOutput camera = {.socket = relay->camera_fd,
+                              .source = relay->cloud_fd,
                               .peer = RelayPeer::CAMERA,
                               .active = relay->active,
                               .health = nullptr,
-                              .sent = nullptr};
+                              .sent = nullptr,
+                              .watch = &watch};
   // The OPTIONS request that lay here has been sent by now.
   char *buffer = relay->stream->buffers->cloud;
   RelayEnd end = FOLLOWS_THE_OTHER;
   while (is_relaying(relay)) {
-    const ssize_t received = recv(relay->cloud_fd, buffer, TRANSFER_SIZE, 0);
+    if (!relay_watch(&watch)) return end_of_dead(watch.dead);
+    const ssize_t received = receive_from_cloud(relay, buffer);
     if (received <= 0) {
       if (ends_without_word(received, errno, &end)) return end;
       continue;
     }
     const auto length = static_cast<size_t>(received);
     const SendOutcome outcome = relay_send(camera, buffer, length, Follows::NOTHING);
-    if (ends_by_sending(outcome, CAMERA_SEND_ENDS, &end)) return end;
+    if (ends_by_sending(outcome, camera, &end)) return end;
   }
   return end;
 }
@@ -315,11 +354,12 @@ bool stream_proxy(int cloud_fd, const StreamContext *stream, const char *request
 // --- What is still on its way --------------------------------------------------------------------
 
 // Whether the cloud has yet to confirm something, and still can: the queue of a connection that was
-// reset keeps its length for ever.
+// reset, or whose cloud has vanished, keeps its length.
 static bool is_unacknowledged(int cloud_fd) {
   pollfd connection = {.fd = cloud_fd, .events = 0, .revents = 0};
   int bytes = 0;
-  return poll(&connection, 1, 0) == 0 && ioctl(cloud_fd, TIOCOUTQ, &bytes) == 0 && bytes > 0;
+  return poll(&connection, 1, 0) == 0 && ioctl(cloud_fd, TIOCOUTQ, &bytes) == 0 && bytes > 0 &&
+         !is_peer_silent(cloud_fd);
 }
 
 // A word of the cloud that is left unread turns the close into a reset, which throws away what the

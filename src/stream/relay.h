@@ -4,6 +4,7 @@
 
 #include <semaphore.h>
 #include <stdint.h>
+#include <time.h>
 
 #include "core/atomic_flag.h"
 #include "core/lock.h"
@@ -27,7 +28,9 @@ struct RelayContext {
 // way the caller closes `cloud_fd`. Stream thread.
 [[nodiscard]] bool stream_proxy(int cloud_fd, const StreamContext *stream, const char *request);
 
-// The cloud-to-camera direction, until the relay ends. Its own thread.
+// The directions, each until the relay ends. Stream thread, and a thread of its own. `started` is
+// the wall-clock second from which the health check counts.
+void relay_camera_to_cloud(RelayContext *relay, time_t started);
 void relay_cloud_to_camera(RelayContext *relay);
 
 // After a relay, before the cloud connection is closed: lets what was relayed reach the cloud.

@@ -5,6 +5,9 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "core/backoff.h"
 #include "core/clock.h"
 #include "core/context.h"
@@ -14,39 +17,54 @@
 
 static constexpr int FIRST_DELAY_MS = 10;
 static constexpr int DELAY_CAP_MS = 100;
-static constexpr int MAX_RETRIES = 5;            // for one chunk
-static constexpr int SEND_TIMEOUT_MS = 120'000;  // without room for a byte
-static constexpr int HANG_UP_STEP_MS = 100;      // between looks at a peer that has hung up
+static constexpr int MAX_RETRIES = 5;                // for one chunk
+static constexpr int SEND_TIMEOUT_MS = 120'000;      // without room for a byte
+static constexpr int HANG_UP_STEP_MS = 100;          // between looks at a peer that has hung up
+static constexpr int SOURCE_CLOSED_LIMIT_MS = 5000;  // for room, once nothing more can come
 
 static bool goes_on(const RelayOutput &output) {
   return *output.active && agent_running();
 }
 
-// Waits until the socket takes bytes, the time-out strikes, or the relay ends. The end of a relay
-// shuts the read side of both sockets, which a blocked send() would not notice, but poll() does.
-static void wait_for_room(const RelayOutput &output) {
-  const int64_t end = monotonic_ms() + SEND_TIMEOUT_MS;
-  for (int64_t left = SEND_TIMEOUT_MS; left > 0 && goes_on(output); left = end - monotonic_ms()) {
-    pollfd wait = {.fd = output.socket, .events = POLLOUT | POLLRDHUP, .revents = 0};
+// What ended a wait for room; the next send finds out what a SENT is worth.
+//
+// The end of a relay shuts the read side of both sockets, which a blocked send() would not notice,
+// but poll() does. So it notices the source's hang-up, upon which the peer must take something
+// soon: otherwise a relay whose camera has gone would last as long as the cloud does not read.
+static SendResult wait_for_room(const RelayOutput &output) {
+  int64_t end = monotonic_ms() + SEND_TIMEOUT_MS;
+  pollfd waits[] = {{.fd = output.socket, .events = POLLOUT | POLLRDHUP, .revents = 0},
+                    {.fd = output.source, .events = POLLRDHUP, .revents = 0}};
+  while (goes_on(output)) {
+    const int64_t left = end - monotonic_ms();
+    if (left <= 0) return waits[1].fd < 0 ? SendResult::SOURCE_CLOSED : SendResult::SENT;
+    if (output.watch && !relay_watch(output.watch)) return SendResult::PEER_DEAD;
+    const int64_t step = output.watch ? std::min<int64_t>(left, WATCH_STEP_MS) : left;
     // What the wait cannot tell, the next send will: without this, a poll that fails would be asked
     // again and again until the time-out.
-    if (poll(&wait, 1, static_cast<int>(left)) < 0 && errno != EINTR) return;
-    if (wait.revents & ~POLLRDHUP) return;
+    if (poll(waits, std::size(waits), static_cast<int>(step)) < 0 && errno != EINTR) break;
+    if (waits[0].revents & ~POLLRDHUP) break;
+    if (waits[1].revents != 0) {
+      waits[1].fd = -1;
+      end = std::min(end, monotonic_ms() + SOURCE_CLOSED_LIMIT_MS);
+    }
     // The peer's own hang-up looks the same; the other direction will find it, perhaps not yet.
-    if (wait.revents != 0 && goes_on(output)) worker_pause(HANG_UP_STEP_MS);
+    if (waits[0].revents != 0 && goes_on(output)) worker_pause(HANG_UP_STEP_MS);
   }
+  return SendResult::SENT;
 }
 
 // Sends what the socket takes, waiting for room once: as a blocking send with a time-out does.
-static ssize_t send_some(const RelayOutput &output, const char *data, size_t length, int flags) {
-  const ssize_t sent = send(output.socket, data, length, flags);
-  if (sent >= 0 || !is_time_out(errno)) return sent;
-  wait_for_room(output);
-  if (!goes_on(output)) {
-    errno = EAGAIN;
-    return -1;
-  }
-  return send(output.socket, data, length, flags);
+// Anything but SENT ends the chunk; otherwise `sent` is what send() returned, with its errno.
+static SendResult send_some(const RelayOutput &output, const char *data, size_t length, int flags,
+                            ssize_t *sent) {
+  *sent = send(output.socket, data, length, flags);
+  if (*sent >= 0 || !is_time_out(errno)) return SendResult::SENT;
+  const SendResult waited = wait_for_room(output);
+  if (waited != SendResult::SENT) return waited;
+  if (!goes_on(output)) return SendResult::STOPPED;
+  *sent = send(output.socket, data, length, flags);
+  return SendResult::SENT;
 }
 
 static void pause_and_double(int *delay) {
@@ -69,8 +87,10 @@ SendOutcome relay_send(const RelayOutput &output, const char *data, size_t lengt
   int retries = 0;
   while (length > 0) {
     if (!goes_on(output)) return {.result = SendResult::STOPPED, .error = 0};
-    const ssize_t sent = send_some(output, data, length, flags);
+    ssize_t sent = -1;
+    const SendResult waited = send_some(output, data, length, flags, &sent);
     const int error = errno;
+    if (waited != SendResult::SENT) return {.result = waited, .error = 0};
     if (sent >= 0) {
       const auto moved = static_cast<size_t>(sent);
       data += moved;

@@ -7,14 +7,15 @@
 
 #include "core/atomic_flag.h"
 #include "stream/relay_health.h"
-
-enum class RelayPeer { CLOUD, CAMERA };
+#include "stream/relay_watch.h"
 
 enum class SendResult {
-  SENT,     // the whole chunk
-  STOPPED,  // the relay is no longer active, or the agent stops
-  CLOSED,   // the peer refuses writes (EPIPE, ECONNRESET)
-  FAILED,   // more passing errors than one chunk may have
+  SENT,           // the whole chunk
+  STOPPED,        // the relay is no longer active, or the agent stops
+  CLOSED,         // the peer refuses writes (EPIPE, ECONNRESET)
+  FAILED,         // more passing errors than one chunk may have
+  SOURCE_CLOSED,  // where the chunk came from has hung up, and the peer takes nothing any more
+  PEER_DEAD,      // either of the two has vanished; the watch says which
 };
 
 // How a chunk fared; `error` is the reason of CLOSED and FAILED, else 0.
@@ -26,10 +27,12 @@ struct SendOutcome {
 // One direction's way out.
 struct RelayOutput {
   int socket;  // the connection to the peer
+  int source;  // the connection that the chunks come from
   RelayPeer peer;
   const AtomicFlag *active;  // the relay's flag
   RelayHealth *health;       // none towards the camera
   uint64_t *sent;            // bytes moved are added; none towards the camera
+  RelayWatch *watch;         // none towards the cloud
 };
 
 // Whether more is about to follow: the system may then hold the rest of a chunk back, to join it

@@ -5,6 +5,7 @@
 
 #include "core/backoff.h"
 #include "core/context.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/sockets.h"
 #include "core/workers.h"
@@ -87,6 +88,7 @@ static void stream_thread(const StreamContext *stream) {
   while (agent_running() && probe_camera(stream, &retry_delay)) {
     monitor_update_status(stream->stream_id, STREAM_CONNECTING);
     if (serve_cloud(stream)) {
+      heap_trim();
       retry_delay = FIRST_DELAY_S;
       continue;
     }

@@ -14,16 +14,18 @@
 #include <span>
 
 #include "core/clock.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/owners.h"
 #include "core/signals.h"
 #include "core/text.h"
 #include "web/http_response.h"
 
-// Browsers open connections in reserve, and each holds the server for the receive time-out: that is
-// why this time-out is short, and why nothing of a client outlasts its response.
+// Browsers open connections in reserve and say nothing on them, so clients are waited for together;
+// only requests are served one at a time.
 static constexpr int LISTEN_BACKLOG = 10;
-static constexpr int WAIT_TIMEOUT_MS = 1000;           // between looks at `running`
+static constexpr size_t MAX_CLIENTS = 32;              // accepted at the same time
+static constexpr int WAIT_TIMEOUT_MS = 1250;           // between looks at `running`; a stop has 2 s
 static constexpr time_t RECEIVE_TIMEOUT_S = 2;         // a client may take to send its request
 static constexpr suseconds_t SEND_SLICE_US = 250'000;  // of a write between two looks
 static constexpr size_t REQUEST_SIZE = 8192;           // bytes, terminator included
@@ -32,6 +34,20 @@ static constexpr size_t DRAIN_BYTES = 65536;           // of an overlong request
 static constexpr int ACCEPT_PAUSE_MS = 100;            // after a failure that is likely to stay
 
 HttpServer http_server;
+
+// A connection that is waited for: for its request, or to be closed by the client.
+struct HttpClient {
+  Fd socket;
+  int64_t deadline_ms = 0;
+  bool answered = false;
+  size_t thrown_away = 0;  // bytes of what came behind the request
+};
+
+// The server thread's own; those in use come first, in the order of their arrival.
+struct HttpClients {
+  std::array<HttpClient, MAX_CLIENTS> list;
+  size_t count = 0;
+};
 
 // --- One client, on the server thread ------------------------------------------------------------
 
@@ -59,7 +75,6 @@ static const HttpHandler *find_handler(const char *target) {
 // version must be there, but any will do: nothing on the pages changes the device. False without
 // an answer: the client sent nothing.
 static bool http_handle_client(int socket) {
-  set_client_timeouts(socket);
   char request[REQUEST_SIZE];
   const ssize_t received = recv(socket, request, sizeof request - 1, 0);
   if (received <= 0) return false;
@@ -82,23 +97,6 @@ static bool http_handle_client(int socket) {
   return true;
 }
 
-// Closing with request bytes unread would reset the connection and could cut off the response on
-// its way: so the write side is shut and the client gets a moment to read it and to close first.
-static void drain(int socket) {
-  if (shutdown(socket, SHUT_WR) != 0) return;
-  const int64_t end = monotonic_ms() + DRAIN_TIME_MS;
-  char thrown_away[REQUEST_SIZE];
-  size_t total = 0;
-  while (total < DRAIN_BYTES) {
-    const int64_t left = end - monotonic_ms();
-    pollfd wait = {.fd = socket, .events = POLLIN, .revents = 0};
-    if (left <= 0 || poll(&wait, 1, static_cast<int>(left)) <= 0) return;
-    const ssize_t received = recv(socket, thrown_away, sizeof thrown_away, MSG_DONTWAIT);
-    if (received <= 0) return;
-    total += static_cast<size_t>(received);
-  }
-}
-
 // Lets the stop operation cut the client off. False when the stop came first.
 static bool enter_client(int socket) {
   const ScopedLock lock(&http_server.lock);
@@ -112,16 +110,41 @@ static void leave_client() {
   http_server.client_fd = -1;
 }
 
-static void serve_client(const Fd &client) {
-  if (!enter_client(client.get())) return;
-  if (http_handle_client(client.get())) drain(client.get());
+// False when the client is done with, and to be closed. Closing with request bytes unread would
+// reset the connection and could cut off the response on its way: so the write side is shut and the
+// client gets a moment to read it and to close first.
+static bool answer_client(HttpClient *client) {
+  const int socket = client->socket.get();
+  if (!enter_client(socket)) return false;
+  const bool answered = http_handle_client(socket);
   leave_client();
+  if (!answered) return false;
+  heap_trim();
+  if (shutdown(socket, SHUT_WR) != 0) return false;
+  client->answered = true;
+  client->deadline_ms = monotonic_ms() + DRAIN_TIME_MS;
+  return true;
 }
 
-static void accept_client() {
-  const Fd client(accept4(http_server.listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
-  if (client) {
-    serve_client(client);
+// False when the client has closed, or says too much.
+static bool drain_client(HttpClient *client) {
+  char scratch[REQUEST_SIZE];
+  const ssize_t received = recv(client->socket.get(), scratch, sizeof scratch, MSG_DONTWAIT);
+  if (received <= 0) return false;
+  client->thrown_away += static_cast<size_t>(received);
+  return client->thrown_away < DRAIN_BYTES;
+}
+
+// --- All clients, on the server thread -----------------------------------------------------------
+
+static void accept_client(HttpClients *clients) {
+  Fd socket(accept4(http_server.listen_fd, nullptr, nullptr, SOCK_CLOEXEC));
+  if (socket) {
+    set_client_timeouts(socket.get());
+    HttpClient client;
+    client.socket = std::move(socket);
+    client.deadline_ms = monotonic_ms() + RECEIVE_TIMEOUT_S * 1000;
+    clients->list[clients->count++] = std::move(client);
     return;
   }
   if (errno == EAGAIN || errno == EWOULDBLOCK) return;
@@ -132,6 +155,38 @@ static void accept_client() {
   // would wake the loop at once, again and again. A stop does not wait for the pause.
   pollfd shutdown_byte = {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0};
   poll(&shutdown_byte, 1, ACCEPT_PAUSE_MS);
+}
+
+// `now` is from before the first of them was served: time in which others were is not counted as
+// silence.
+static bool stays(HttpClient *client, bool readable, int64_t now) {
+  if (!readable) return now < client->deadline_ms;
+  return client->answered ? drain_client(client) : answer_client(client);
+}
+
+// Serves whoever has spoken, and closes who is done or late. `waits` are the clients', in order.
+static void serve_clients(HttpClients *clients, std::span<const pollfd> waits) {
+  const int64_t now = monotonic_ms();
+  size_t kept = 0;
+  for (size_t i = 0; i < waits.size(); i++) {
+    HttpClient *client = &clients->list[i];
+    if (stays(client, waits[i].revents != 0, now)) {
+      if (kept != i) clients->list[kept] = std::move(*client);
+      kept++;
+    } else {
+      client->socket = Fd();
+    }
+  }
+  clients->count = kept;
+}
+
+// Up to the first deadline of a client, and to the next look at `running`.
+static int wait_time_ms(const HttpClients &clients) {
+  const int64_t now = monotonic_ms();
+  int64_t left = WAIT_TIMEOUT_MS;
+  for (size_t i = 0; i < clients.count; i++)
+    left = std::min(left, clients.list[i].deadline_ms - now);
+  return static_cast<int>(std::max<int64_t>(left, 0));
 }
 
 // --- The server thread ---------------------------------------------------------------------------
@@ -160,14 +215,17 @@ static void read_shutdown_byte() {
   }
 }
 
-// Waits for one event and handles it; false when the server is to end.
-static bool serve_once() {
+// Waits for events and handles them; false when the server is to end.
+static bool serve_once(HttpClients *clients) {
   // poll rather than select: a descriptor number of 1024 or more must not write past a set.
-  pollfd waits[] = {
-      {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0},
-      {.fd = http_server.listen_fd, .events = POLLIN, .revents = 0},
-  };
-  const int ready = poll(waits, std::size(waits), WAIT_TIMEOUT_MS);
+  std::array<pollfd, 2 + MAX_CLIENTS> waits = {};
+  waits[0] = {.fd = http_server.shutdown_pipe[0], .events = POLLIN, .revents = 0};
+  // A negative number is passed over: while there is no place, whoever connects waits outside.
+  const bool has_place = clients->count < MAX_CLIENTS;
+  waits[1] = {.fd = has_place ? http_server.listen_fd : -1, .events = POLLIN, .revents = 0};
+  for (size_t i = 0; i < clients->count; i++)
+    waits[2 + i] = {.fd = clients->list[i].socket.get(), .events = POLLIN, .revents = 0};
+  const int ready = poll(waits.data(), 2 + clients->count, wait_time_ms(*clients));
   if (ready < 0) {
     if (errno == EINTR) return true;
     // Meant: who watches the log looks for this text, whichever of the two calls waits.
@@ -178,14 +236,16 @@ static bool serve_once() {
     read_shutdown_byte();
     return false;
   }
-  if (waits[1].revents != 0) accept_client();
+  serve_clients(clients, std::span(waits).subspan(2, clients->count));
+  if (waits[1].revents != 0) accept_client(clients);
   return true;
 }
 
 // Created by http_server_start, ended by http_server_stop (or by a failed wait), joined by the
 // latter. Runs every page handler, so these need no lock of their own.
 static void *http_server_thread(void * /*argument*/) {
-  while (http_server.running && serve_once()) {
+  HttpClients clients;
+  while (http_server.running && serve_once(&clients)) {
   }
   // Here and not in the stop operation: a thread that ends by itself must not leave them open.
   http_server_close_sockets();

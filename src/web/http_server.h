@@ -1,5 +1,5 @@
-// The small HTTP server for the device's local network: one thread, one connection at a time, a
-// fixed table of routes, a complete response and a close for every request.
+// The small HTTP server for the device's local network: one thread, one request at a time, a fixed
+// table of routes, a complete response and a close for every request.
 #pragma once
 
 #include <pthread.h>

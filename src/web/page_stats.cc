@@ -91,8 +91,7 @@ static bool append_tail(StringBuilder *page) {
   return template_append(page, ASSET_STATS_TAIL_HTML, fields);
 }
 
-// This page begins with <html>, without a document type, and so is shown in the browser's older
-// mode. Programs that read figures out of it know it that way.
+// Meant to begin with <html>, without a document type: browsers then show it in their older mode.
 static bool append_page(StringBuilder *page) {
   if (!append_head(page)) return false;
   for (int id = 1; monitor_knows(id); id++) {

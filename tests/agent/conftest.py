@@ -12,41 +12,50 @@ from pathlib import Path
 import pytest
 
 import harness
+from harness import network, rig        # noqa: F401
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "heavy: takes long, left out under sanitizers")
 
 
-@pytest.fixture(scope="session", autouse=True)
-def network():
-    assert harness.BINARY.exists(), f"{harness.BINARY} is not built"
-    harness.enter_network_namespace()
+def preload_library(name: str):
+    @pytest.fixture(scope="session", name=f"{name}_library")
+    def build(tmp_path_factory):
+        library = tmp_path_factory.mktemp(name) / f"{name}.so"
+        source = Path(__file__).parent / "preload" / f"{name}.c"
+        subprocess.run([*harness.COMPILER, "-shared", "-fPIC", "-o", library, source], check=True)
+        return library
+    return build
 
 
-@pytest.fixture
-def rig(tmp_path):
-    rig = harness.Rig(tmp_path)
-    yield rig
-    problems = rig.close()
-    assert not problems, "\n".join(problems)
-
-
-@pytest.fixture(scope="session")
-def clock_library(tmp_path_factory):
-    library = tmp_path_factory.mktemp("clock") / "clock.so"
-    source = Path(__file__).parent / "preload" / "clock.c"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, source], check=True)
-    return library
+clock_library = preload_library("clock")
+faults_library = preload_library("faults")
 
 
 @pytest.fixture
 def hurry(rig, clock_library):
     """The agent's pauses take no time, where it is a program that can be preloaded."""
-    rig.clock = harness.Clock(rig.directory, clock_library) if harness.PRELOADABLE else None
-    return rig.clock
+    return harness.Clock(rig, clock_library)
 
 
 @pytest.fixture
 def clock(hurry):
-    return hurry or pytest.skip("a static or sanitized program cannot be preloaded")
+    return hurry if harness.PRELOADABLE else pytest.skip("it cannot be preloaded")
+
+
+@pytest.fixture
+def faults(rig, faults_library):
+    """They only take place in a program that can be preloaded."""
+    return harness.Faults(rig, faults_library)
+
+
+def pytest_terminal_summary(terminalreporter):
+    """Of the lives in test_faults.py, however many processes they took place in."""
+    lives = [value for reports in terminalreporter.stats.values() for report in reports
+             if getattr(report, "when", "") == "call"
+             for name, value in report.user_properties if name == "lives"]
+    if lives:
+        tried, served, wrong = map(sum, zip(*lives))
+        terminalreporter.write_line(f"faults survived over faults tried: {tried - wrong} / {tried}"
+                                    f" (served: {served}, ended with a reason: {tried - served})")

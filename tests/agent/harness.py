@@ -6,6 +6,7 @@ scripted camera, a scripted cloud and its balancer, and lends their connections 
 
 import contextlib
 import ctypes
+import errno
 import fcntl
 import mmap
 import os
@@ -25,14 +26,22 @@ ROOT = Path(__file__).resolve().parents[2]
 SIMULATORS = ROOT / "tools" / "simulators"
 sys.path.insert(0, str(SIMULATORS))
 
+import pytest                                                                  # noqa: E402
 from scripted import (CloudConnection, Connection, Request, ScriptedBalancer,  # noqa: E402
                       ScriptedCamera, ScriptedCloud, http_answer, never_read)
 
 BINARY = Path(os.environ.get("CAMERA_AGENT", ROOT / "build" / "release" / "camera-agent")).resolve()
 _CODE = BINARY.read_bytes() if BINARY.exists() else b""
 _SANITIZERS = set(re.findall(rb"__([at]san)_init", _CODE))
-SANITIZED = bool(_SANITIZERS)
+# A program that runs the agent and looks for errors, with its options: valgrind.
+CHECKER = os.environ.get("AGENT_PREFIX", "").split()
+SANITIZED = bool(_SANITIZERS or CHECKER)
 PRELOADABLE = b"GLIBC_2." in _CODE and not SANITIZED
+EMULATOR, COMPILER = (["qemu-arm-static", "-L", "/usr/arm-linux-gnueabihf"],
+                      ["arm-linux-gnueabihf-gcc", "-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64"]
+                      ) if b"ld-linux-armhf" in _CODE else (
+                      ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"],
+                      ["aarch64-linux-gnu-gcc"]) if b"ld-linux-aarch64" in _CODE else ([], ["cc"])
 STOP_LIMIT = 4.0 if SANITIZED else 2.0      # seconds from the signal to the exit
 CLOUD_ID = "cloud-id_0001"
 
@@ -60,16 +69,15 @@ def wait_until(condition, timeout: float = 10, what: str = "condition") -> None:
 
 
 class Clock:
-    """The time of the agents that are started with its environment, see preload/clock.c."""
+    """The time of the rig's agents, see preload/clock.c."""
 
     WALL = datetime(2040, 2, 13, 4, 5, 6, 500_000, timezone.utc)    # where it stands at first
 
-    def __init__(self, directory: Path, library: Path):
-        shared = directory / "clock"
+    def __init__(self, rig: "Rig", library: Path):
+        shared = rig.preload(library)
         shared.write_bytes(struct.pack("qqq", 0, int(self.WALL.timestamp() * 1000) * 10**6, 1))
         with shared.open("r+b") as file:
             self._values = memoryview(mmap.mmap(file.fileno(), 0)).cast("q")
-        self.environment = {"LD_PRELOAD": str(library), "TEST_CLOCK": str(shared)}
 
     def now(self) -> int:
         """Whole seconds by which it is ahead of the real one."""
@@ -78,18 +86,44 @@ class Clock:
     def skip(self, seconds: int) -> None:
         self._values[0] += seconds * 10**9
 
+    def set_wall(self, when: datetime) -> None:
+        """Of the two clocks, the other one goes on."""
+        self._values[1] = round(when.timestamp()) * 10**9 - self._values[0]
+
     def set_pace(self, pace: int) -> None:
         """By which time-outs pass faster; at 0 pauses pass by real time, from the return on."""
         self._values[2] = pace
         time.sleep(0.1 if pace == 0 else 0)
 
 
+class Faults:
+    """Calls of the rig's agents that go wrong, see preload/faults.c; preload it before a Clock."""
+
+    FOREVER = 1 << 60
+
+    def __init__(self, rig: "Rig", library: Path):
+        self._shared = rig.preload(library)
+        self._shared.write_bytes(bytes(64))
+
+    def plan(self, function: str = "", error: str = "", first: int = 1, last: int = FOREVER,
+             step: int = 1) -> None:
+        """These calls, from now on, fail with this error, or by default in a way of their own."""
+        number = getattr(errno, error, 0)
+        with self._shared.open("r+b") as file:
+            file.write(struct.pack("24s5q", function.encode(), number, first, last, step, 0))
+
+    def calls(self) -> int:
+        return struct.unpack("q", self._shared.read_bytes()[-8:])[0]
+
+
 class Agent:
     """The binary, started; the log comes as "LEVEL message" without the time stamps."""
 
     def __init__(self, *arguments: str, stderr=None, prefix=(), environment={}):
+        if prefix and CHECKER:
+            pytest.skip("what is meant for the agent would meet the checker")
         self.process = subprocess.Popen(
-            [*prefix, BINARY, *map(str, arguments)], stdin=subprocess.DEVNULL,
+            [*prefix, *CHECKER, *EMULATOR, BINARY, *map(str, arguments)], stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=stderr or subprocess.PIPE,
             env={**SANITIZER_ENVIRONMENT, **os.environ, **environment})
         self.pid = self.process.pid
@@ -128,11 +162,9 @@ class Agent:
             return next(when for length, when in self._arrivals if length >= end)
 
     def log(self, since: int = 0) -> list[str]:
-        text = self.text[since:]
-        heads = list(LOG_PREFIX.finditer(text))
-        ends = [head.start() for head in heads[1:]] + [len(text)]
-        return [f"{head[1].strip()} {text[head.end():end].removesuffix(chr(10))}"
-                for head, end in zip(heads, ends)]
+        _, *parts = LOG_PREFIX.split(self.text[since:])
+        return [f"{level.strip()} {message.removesuffix(chr(10))}"
+                for level, message in zip(parts[::2], parts[1::2])]
 
     def wait(self, timeout: float = 10) -> int:
         self.status = self.process.wait(timeout)
@@ -157,12 +189,12 @@ class Agent:
                 problems.append(f"ended by itself with status {self.process.returncode}")
             self.process.terminate()
             try:
-                self.process.wait(15)
+                self.wait(15)
             except subprocess.TimeoutExpired:
                 problems.append("does not stop")
                 self.process.kill()
-            self.wait()
-            if not problems and self.status != 0:
+                self.wait()
+            if self.status != 0:
                 problems.append(f"stopped with status {self.status}")
         self.process.stdout.close()
         if SANITIZER_REPORT.search(self.text) or self.status not in (0, 1):
@@ -183,6 +215,10 @@ class Agent:
         """Without that of files, whose share depends on other programs."""
         rollup = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
         return int(re.search(r"^Pss_Anon:\s+(\d+) kB", rollup, re.M)[1])
+
+    def processor_seconds(self) -> float:
+        user, system = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
 
 
 def assert_merged(log: list[str], *threads: list[str]) -> None:
@@ -215,10 +251,9 @@ class Rig:
         self.camera = self.peers.enter_context(ScriptedCamera(self._lend))
         self.cloud = self.peers.enter_context(ScriptedCloud())
         self.balancer: ScriptedBalancer | None = None
-        self.clock: Clock | None = None
+        self.environment: dict[str, str] = {}
         self.agents: list[Agent] = []
-        self._lent: dict[str, queue.Queue] = {}
-        self._lock = threading.Lock()
+        self._handshaken: dict[str, queue.Queue] = {}
 
     def balance(self, *answers) -> ScriptedBalancer:
         """Starts the balancer; by default it names the cloud of this rig."""
@@ -226,51 +261,76 @@ class Rig:
         self.balancer = self.peers.enter_context(ScriptedBalancer(list(answers)))
         return self.balancer
 
-    def run(self, *arguments: str, **keywords) -> Agent:
-        if self.clock:
-            keywords["environment"] = self.clock.environment | keywords.get("environment", {})
-        agent = Agent(*arguments, **keywords)
+    def preload(self, library: Path) -> Path:
+        """Into the agents to come, if they can be preloaded; the file that it shares."""
+        shared = self.directory / library.stem
+        if PRELOADABLE:
+            preloaded = f"{self.environment.get('LD_PRELOAD', '')} {library}"
+            self.environment["LD_PRELOAD"] = preloaded
+            self.environment[f"TEST_{library.stem.upper()}"] = str(shared)
+        return shared
+
+    def run(self, *arguments: str, environment={}, **keywords) -> Agent:
+        agent = Agent(*arguments, environment={**self.environment, **environment}, **keywords)
         self.agents.append(agent)
         return agent
 
-    def arguments(self, *urls: str, vendor: str = "Maker", model: str = "Cam-1") -> list[str]:
-        streams = [x for url in urls or (self.camera.url(),) for x in ("-s", url)]
-        return ["-c", str(self.directory), "-v", vendor, "-m", model, *streams]
+    def arguments(self, *urls: str) -> list[str]:
+        return ["-c", str(self.directory), "-v", "Maker", "-m", "Cam-1",
+                *(f"--stream={url}" for url in urls or [self.camera.url()])]
 
-    def start(self, *urls: str, options=("-d", "-n"), vendor="Maker", model="Cam-1",
-              **keywords) -> Agent:
+    def start(self, *urls: str, options=("-d", "-n"), **keywords) -> Agent:
         if not self.balancer:
             self.balance()
-        return self.run(*options, *self.arguments(*urls, vendor=vendor, model=model), **keywords)
+        return self.run(*self.arguments(*urls), *options, **keywords)
+
+    def serve(self, *urls: str, options=()) -> Agent:
+        """Starts an agent and waits until its pages can be had."""
+        agent = self.start(*urls, options=("-d", *options))
+        agent.wait_for("Web server started")
+        return agent
 
     # Relays: the camera's connections are lent to the test, which works on both ends.
 
-    def _queue(self, path: str) -> queue.Queue:
-        with self._lock:
-            return self._lent.setdefault(path, queue.Queue())
+    def handshaken(self, path: str) -> queue.Queue:
+        return self._handshaken.setdefault(path, queue.Queue())
 
     def lent(self, path: str = "/stream") -> Connection:
         """The camera's next connection of that path whose handshake is over."""
-        return self._queue(path).get(timeout=10)
+        return self.handshaken(path).get(timeout=10)
 
     def _lend(self, connection: Connection, request: Request) -> None:
-        self._queue(request.path).put(connection)
+        self.handshaken(request.path).put(connection)
         never_read(connection, request)
 
     def relay(self, number: int = 1, path: str = "/stream") -> tuple[Connection, CloudConnection]:
         """The camera's and the cloud's end of a relay that has begun."""
         cloud = self.cloud.accept(number)
+        self.handshaken(path).queue.clear()     # of relays that nobody asked for
         cloud.start_relay()
         return self.lent(path), cloud
 
     def close(self) -> list[str]:
-        """Ends everything; what is wrong. An agent may stop before it has registered."""
+        """Ends everything; what is wrong. An agent may stop before it has said anything."""
         problems = [problem for agent in self.agents for problem in agent.close()]
         with contextlib.suppress(AssertionError):
             self.peers.close()
-        errors = self.camera.errors + self.cloud.errors
-        return problems + [str(error) for error in errors
-                           if "no registration before the close: got 0 bytes" not in str(error)]
+        return problems + [str(error) for error in self.camera.errors + self.cloud.errors
+                           if "before the close: got 0 bytes" not in str(error)]
+
+
+@pytest.fixture(scope="session", autouse=True)
+def network():
+    assert BINARY.exists(), f"{BINARY} is not built"
+    enter_network_namespace()
+
+
+@pytest.fixture
+def rig(tmp_path):
+    rig = Rig(tmp_path)
+    yield rig
+    problems = rig.close()
+    assert not problems, "\n".join(problems)
 
 
 class DroppingListener(contextlib.ExitStack):

@@ -1,12 +1,9 @@
 """The life of the agent: a whole run line for line, the command line, start-up and its ends."""
 
-import fcntl
-import os
 import re
 import signal
 import socket
 import time
-from pathlib import Path
 
 import pytest
 
@@ -33,7 +30,7 @@ def test_a_run_with_one_relay(rig, debug):
     rig.camera.probe = None
     url = rig.camera.url(PATH, "us%er:p:a\"'ss%s{}")
     options = [*["-d"][:debug], "-p", "18282", "-f", str(rig.status_file)]
-    agent = rig.start(url, options=options, vendor='V%s"%n', model="M%d\\")
+    agent = rig.run(*options, "-c", rig.directory, "-v", 'V%s"%n', "-m", "M%d\\", "-s", url)
 
     def wait_status(content: str) -> None:
         wait_until(lambda: rig.status_file.exists() and rig.status_file.read_text() == content,
@@ -147,29 +144,6 @@ def test_signal_during_an_attempt_that_succeeds(rig):
     log = without_times(agent.log())
     assert "INFO Proxy initialized successfully with 1 streams" in log
     assert "INFO Starting proxy cleanup" in log and log[-4:] == ENDED
-
-
-def test_signal_before_start_up_is_forgotten(rig):
-    """Nobody reads the log at first, which holds the agent up while it loads its options."""
-    rig.balance()
-    reader, writer = os.pipe()
-    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
-    os.write(writer, b"\n" * 4096)
-    agent = rig.run("-d", "-n", *rig.arguments(), stderr=writer)
-    os.close(writer)
-
-    def status(pattern: str) -> str:
-        return re.search(pattern, Path(f"/proc/{agent.pid}/status").read_text(), re.M)[1]
-
-    term = 1 << signal.SIGTERM - 1
-    wait_until(lambda: int(status(r"^SigCgt:\s+(\w+)"), 16) & term, what="handler")
-    wait_until(lambda: status(r"^State:\s+(.)") == "S", what="a full pipe")
-    agent.process.terminate()
-    wait_until(lambda: not int(status(r"^ShdPnd:\s+(\w+)"), 16) & term, what="delivery")
-    time.sleep(0.1)
-    agent.read_log(reader)
-    assert rig.cloud.accept().number == 1
-    agent.stop()
 
 
 @pytest.mark.parametrize("other_url, failure", [

@@ -1,5 +1,6 @@
 """The pages as bytes: framing, routing, the channel list, and clients that dawdle or vanish."""
 
+import contextlib
 import re
 import socket
 import time
@@ -7,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import CLOUD_ID, SANITIZED, STOP_LIMIT, wait_until
+from harness import CLOUD_ID, STOP_LIMIT, wait_until
 from scripted import Connection
 
 PORT = 8282
@@ -28,37 +29,28 @@ JSON_HEADER = (b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
                b"Access-Control-Allow-Origin: *\r\nAccess-Control-Allow-Methods: GET, OPTIONS\r\n"
                b"Access-Control-Allow-Headers: Origin, X-Requested-With, Content-Type, Accept\r\n"
                b"Connection: close\r\n\r\n")
-HTML = {"/": "Home - Navigation", "/cloudid": "Cloud ID", "/stats": "Usage Statistics"}
+HTML = ["/", "/cloudid", "/stats", "/streams"]
 STYLE_SIZE = 7626
 # A page that is larger than what the kernel holds for a client that does not read.
 MANY = "rtsp://10.0.0.1/" + "x" * 200 + "{1-64}"
 
 
-def connect(receive_buffer: int | None = None) -> Connection:
+def connect(request: bytes = b"", receive_buffer: int = 1 << 20) -> Connection:
     sock = socket.socket()
-    if receive_buffer:
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    sock.settimeout(15)
     sock.connect(("127.0.0.1", PORT))
+    sock.sendall(request)
     return Connection(sock)
 
 
 def ask_raw(request: bytes) -> bytes:
-    client = connect()
-    client.send(request)
-    try:
+    with contextlib.closing(connect(request)) as client:
         return client.recv_all()
-    finally:
-        client.close()
 
 
 def ask(target: str, method: str = "GET") -> bytes:
     return ask_raw(f"{method} {target} HTTP/1.1\r\nHost: 127.0.0.1:{PORT}\r\n\r\n".encode())
-
-
-def serve(rig, *urls, options=()):
-    agent = rig.start(*urls, options=("-d", *options))
-    agent.wait_for("Web server started")
-    return agent
 
 
 def html(response: bytes) -> str:
@@ -66,7 +58,7 @@ def html(response: bytes) -> str:
     head, blank, body = response.partition(b"\r\n\r\n")
     assert head + blank == (b"HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=UTF-8\r\n"
                             b"Content-Length: %d\r\nConnection: close\r\n\r\n" % len(body))
-    page = body.decode()
+    page = body.decode(errors="replace")     # URLs are cut anywhere
     assert len(page) < len(body)        # there is Cyrillic in every one
     return page
 
@@ -76,7 +68,11 @@ CHANNELS = (("rtsp://10.0.0.5:554/Streaming/Channels/101", "/Streaming/Channels/
             ("rtsp://me:12@10.0.0.5/a?b=1&c=2", "/a?b=1&c=2"),
             ("rtsp://10.0.0.5:554", "/10.0.0.5:554"), ("rtsp://10.0.0.5/", "/"),
             ("rtsp://10.0.0.5:554/a/b:9", "/b:9"), ("rtsp://10.0.0.5/a:b/c", "/c"),
-            ('rtsp://10.0.0.5/q"\\\n\x01é/%s%n', '/q\\"\\\\\\n\\u0001é/%s%n'))
+            ('rtsp://10.0.0.5/q"\\\n\x01é/%s%n', '/q\\"\\\\\\n\\u0001é/%s%n'),
+            # Cut at 255 bytes, which leaves no torn character.
+            *((f"rtsp://10.0.0.5:554/{'x' * n}{character * 250}",
+               "/" + ("x" * n + character * 250).encode()[:235].decode(errors="ignore"))
+              for character in "я€😀" for n in range(4)))
 
 
 def channel_list(rig) -> bytes:
@@ -95,32 +91,24 @@ def channel_list(rig) -> bytes:
 @pytest.mark.parametrize("legacy", [False, True])
 def test_responses_and_routes(rig, legacy):
     """Every response to its last byte; any method; nothing but the five targets, exactly."""
-    serve(rig, *(url for url, _ in CHANNELS), options=["-l"][:legacy])
+    rig.serve(*(url for url, _ in CHANNELS), options=["-l"][:legacy])
     document = channel_list(rig)
-    titles = {**HTML, "/streams": "Stream Management" if legacy
-              else "Redirecting to Camera Interface"}
     sheets = set()
-    for target, title in titles.items():
+    for target in HTML:
         page = html(ask(target))
-        assert page.startswith("<html>" if target == "/stats" else "<!DOCTYPE html>")
-        assert f"<title>{title}</title>" in page
         begin = page.index("<style>\n") + len("<style>\n")
         sheets.add(page[begin:begin + STYLE_SIZE])
         assert re.match(r"\n(\n|  </style>)", page[begin + STYLE_SIZE:]), page[begin:][:9000]
     assert len(sheets) == 1 and sheets.pop().isascii()
-    assert len(JSON_HEADER) == 224 and len(NOT_FOUND) == 85
     for method in ("GET", "POST", "OPTIONS", "X" * 15):
         assert ask("/api/channels", method) == JSON_HEADER + document
         assert ask("/", method) == ask("/")
     links = "".join(f'<li><a href="/{path}" id="{name}"></a></li>\n' for path, name in (
         ("streams", "streams-link"), ("cloudid", "cloud-link"), ("stats", "stats-link")))
     assert links in html(ask("/")) and ask("/").count(b"<li>") == 3
-    assert f'<div class="cloud-id">{CLOUD_ID}</div>' in html(ask("/cloudid"))
-    page = html(ask("/streams"))
-    if legacy:
-        assert page.count('class="stream-checkbox"') == len(CHANNELS)
-    else:
-        assert f"name=\"data\" value='{document.decode().replace('&', '&amp;')}'" in page
+    if not legacy:
+        value = document.decode().replace("&", "&amp;")
+        assert f"name=\"data\" value='{value}'" in html(ask("/streams"))
 
 
 def test_requests_and_clients_of_all_kinds(rig):
@@ -139,13 +127,15 @@ def test_requests_and_clients_of_all_kinds(rig):
     assert half_closed.recv() == b""
     connect().close()
     for reset in (False, True):     # gone before the answer
-        gone = connect()
-        gone.send(ANSWERED_404[0])
-        gone.close(reset)
+        connect(ANSWERED_404[0]).close(reset)
     assert ask("/nonsense") == NOT_FOUND
     for client in (silent, half_closed):
         client.close()
     wait_until(lambda: agent.descriptors() == before, what="close of every client")
+    idle = connect()
+    wait_until(lambda: agent.descriptors() > before, what="accept")
+    assert agent.stop() < 1.5
+    idle.close()
 
 
 @pytest.fixture
@@ -159,25 +149,22 @@ def small_buffers():
 
 
 def slow_client(target: str) -> Connection:
-    client = connect(receive_buffer=1024)
-    client.send(f"GET {target} HTTP/1.1\r\n\r\n".encode())
-    return client
+    return connect(f"GET {target} HTTP/1.1\r\n\r\n".encode(), receive_buffer=1024)
 
 
 def test_clients_that_vanish(rig, small_buffers):
     """Amid a page, or the list, by a close or a reset: logged, and the next one is served. A stop
     waits for none."""
-    agent = serve(rig, MANY, options=("-l",))
-    for reset in (True, False):
-        for target, consequence in (("/streams", "Failed to send http response"),
-                                    ("/api/channels", "Failed to send error response")):
-            began = agent.mark()
-            client = slow_client(target)
-            assert client.recv(17) == b"HTTP/1.1 200 OK\r\n"
-            client.close(reset=reset)
-            agent.wait_for(f"[ERROR] {consequence}\n", since=began)
-            assert agent.log(since=began)[0].startswith("ERROR Write failed: ")
-            assert html(ask("/streams")).count('class="stream-checkbox"') == 64
+    agent = rig.serve(MANY, options=("-l",))
+    for reset, target, name in ((True, "/streams", "http"), (False, "/streams", "http"),
+                                (True, "/api/channels", "error")):
+        began = agent.mark()
+        client = slow_client(target)
+        assert client.recv(17) == b"HTTP/1.1 200 OK\r\n"
+        client.close(reset)
+        agent.wait_for(f"[ERROR] Failed to send {name} response\n", since=began)
+        assert agent.log(since=began)[0].startswith("ERROR Write failed: ")
+        assert html(ask("/streams")).count('class="stream-checkbox"') == 64
     client = slow_client("/streams")
     client.recv(100)
     assert agent.stop() < STOP_LIMIT
@@ -187,7 +174,7 @@ def test_clients_that_vanish(rig, small_buffers):
 def test_clients_that_dawdle(rig, clock, small_buffers, taken, seconds):
     """One takes nothing for 5 s; one takes some bytes all the time, but not all in 30 s."""
     clock.set_pace(0)
-    agent = serve(rig, MANY, options=("-l",))
+    agent = rig.serve(MANY, options=("-l",))
     client = slow_client("/streams")
     began = time.monotonic() + clock.now()
     passed = 0.0
@@ -202,17 +189,3 @@ def test_clients_that_dawdle(rig, clock, small_buffers, taken, seconds):
     assert html(ask("/streams"))
     client.close()
     assert seconds <= passed < seconds + 6
-
-
-def test_a_thousand_requests(rig):
-    """Descriptors and memory stay as they are."""
-    agent = serve(rig, MANY, options=("-l", "-g"))
-    targets = [*HTML, "/streams", "/api/channels"]
-    for target in targets * 20:
-        assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
-    descriptors, memory = agent.descriptors(), agent.memory_kib()
-    for target in targets * 200:
-        assert ask(target).startswith(b"HTTP/1.1 200 OK\r\n")
-    wait_until(lambda: agent.descriptors() <= descriptors, what="no more descriptors")
-    if not SANITIZED:       # they keep memory of their own
-        assert agent.memory_kib() - memory < 128

@@ -1,13 +1,12 @@
-"""The relay: bytes in both directions, how it ends, who reports the end, what the peers see."""
+"""The relay: bytes in both directions, how it ends, who reports the end."""
 
 import random
-import socket
 import threading
 import time
 
 import pytest
 
-from harness import assert_merged, flood, wait_until
+from harness import assert_merged, flood
 from scripted import Connection, pattern
 
 MIB = 1 << 20
@@ -32,15 +31,6 @@ def test_bytes_arrive_unchanged(rig, size, pieces):
         threading.Thread(target=send_in_pieces, args=(end, data[end], pieces), daemon=True).start()
     cloud.expect(data[camera])
     camera.expect(data[cloud])
-
-
-@pytest.mark.parametrize("camera_sends", [True, False])
-def test_what_was_sent_before_the_close_arrives(rig, camera_sends):
-    rig.start()
-    sender, receiver = rig.relay() if camera_sends else reversed(rig.relay())
-    sender.send(pattern(300_000))
-    sender.half_close()
-    assert receiver.recv_all() == pattern(300_000)
 
 
 CAMERA_CLOSED = ["DEBUG Stream 1 error: [{}] Camera connection closed",
@@ -96,33 +86,3 @@ def test_one_report_and_registered_again(rig, end, floods, reports):
     for closed in ends.values():
         if closed.sock.fileno() >= 0:
             closed.wait_closed()
-
-
-def closes(wire: socket.socket, *ports: int) -> list[tuple[int, float]]:
-    """(port, time) of the agent's first FIN or reset to each, in the order of the wire."""
-    seen: dict[int, float] = {}
-    while len(seen) < len(ports):
-        packet = wire.recv(65536)
-        tcp = packet[(packet[0] & 15) * 4:]
-        port, fin_or_reset = int.from_bytes(tcp[2:4], "big"), 0x01 | 0x04
-        if packet[9] == socket.IPPROTO_TCP and port in ports and tcp[13] & fin_or_reset:
-            seen.setdefault(port, time.monotonic())
-    return list(seen.items())
-
-
-@pytest.mark.parametrize("camera_ends", [True, False])
-def test_order_of_the_end_as_seen_from_outside(rig, camera_ends):
-    """Offline, then the camera's connection closed, then the cloud's; between them 200 ms."""
-    wire = rig.peers.enter_context(socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM))
-    agent = rig.start(options=["-d", "-n", "-f", str(rig.status_file)])
-    camera, cloud = rig.relay()
-    agent.wait_for("registered -> streaming")
-    ipv4 = 0x0800
-    wire.bind(("lo", ipv4))
-    wire.settimeout(10)
-    (camera if camera_ends else cloud).half_close()
-    offline = agent.wait_for("error -> offline")
-    wait_until(lambda: rig.status_file.read_text() == "0", what="status 0")
-    first, second = closes(wire, rig.camera.port, cloud.sock.getsockname()[1])
-    assert first[0] == rig.camera.port
-    assert first[1] - offline > 0.15 and second[1] - first[1] < 3

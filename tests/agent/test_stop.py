@@ -1,12 +1,12 @@
 """SIGTERM in every state a stream can be in: how long the stop takes, and its lines in the log."""
 
-import re
 import socket
 import threading
 
 import pytest
 
-from harness import STOP_LIMIT, Agent, DroppingListener, Rig, flood, wait_until
+from harness import (SANITIZED, STOP_LIMIT, Agent, DroppingListener, Rig, assert_merged, flood,
+                     wait_until)
 from scripted import http_answer
 
 MANY = 64
@@ -14,9 +14,8 @@ OPTIONS_MISSED = ["error: [71] Failed to receive OPTIONS from cloud",
                   "status change: error -> offline"]
 
 
-def start(rig: Rig, count: int, *, port: int = 0, options=("-d", "-n")) -> Agent:
-    return rig.start(f"rtsp://127.0.0.1:{port or rig.camera.port}/cam{{1-{count}}}",
-                     options=options)
+def start(rig: Rig, count: int, port: int = 0) -> Agent:
+    return rig.start(f"rtsp://127.0.0.1:{port or rig.camera.port}/cam{{1-{count}}}")
 
 
 def connections_under_way() -> int:
@@ -50,7 +49,7 @@ def probing_a_silent_camera(rig, count):
 def probing_where_packets_are_dropped(rig, count):
     listener = rig.peers.enter_context(DroppingListener())
     before = connections_under_way()
-    agent = start(rig, count, port=listener.port)
+    agent = start(rig, count, listener.port)
     wait_until(lambda: connections_under_way() >= before + count, what="connects")
     return agent
 
@@ -100,17 +99,6 @@ def relaying_to_peers_that_do_not_read(rig, count):
     return agent
 
 
-def serving_a_silent_browser(rig, count):
-    agent = start(rig, count, options=["-d", "-p", "18282"])
-    agent.wait_for("Web server started on port 18282")
-    agent.wait_for("connecting -> registered", count)
-    before = agent.descriptors()
-    for _ in range(2):
-        rig.peers.enter_context(socket.create_connection(("127.0.0.1", 18282)))
-    wait_until(lambda: agent.descriptors() > before, what="accept")
-    return agent
-
-
 @pytest.mark.parametrize("state, count, lines, unnumbered", [
     (backing_off_from_the_camera, MANY, [], []),
     (backing_off_from_the_cloud, MANY, [], []),
@@ -123,25 +111,16 @@ def serving_a_silent_browser(rig, count):
     (waiting_for_options, MANY, OPTIONS_MISSED, []),
     (relaying_to_peers_that_do_not_read, 8, ["status change: streaming -> offline"],
      ["Camera to cloud thread stopping", "Cloud to camera thread stopped"]),
-    (serving_a_silent_browser, 2, OPTIONS_MISSED, ["Web server stopped"]),
 ], ids=lambda value: getattr(value, "__name__", "").replace("_", "-") or None)
-def test_stop(rig, state, count, lines, unnumbered):
+def test_stop(rig, faults, state, count, lines, unnumbered):
     """Every stream leaves exactly its own lines, all of them before the monitor's last ones."""
     agent = state(rig, count)
     mark = agent.mark()
-    assert agent.stop() < STOP_LIMIT
-    log = [line.partition(" ")[2] for line in agent.log(mark)
-           if line != "DEBUG Web server received shutdown signal via pipe"]
-    assert re.fullmatch(r"Final system uptime: \d+s", log[-4])
-    assert log[-3:] == ["Monitor cleanup completed", "Proxy cleanup completed",
-                        "Freeing configuration resources"]
-    of_stream: dict[int, list[str]] = {number: [] for number in range(1, count + 1)}
-    rest = []
-    for line in log[:-4]:
-        if match := re.fullmatch(r"Stream (\d+) (.*)", line):
-            of_stream[int(match[1])].append(match[2])
-        else:
-            rest.append(line)
-    assert of_stream == {number: lines for number in of_stream}
-    times = 1 if state is serving_a_silent_browser else count
-    assert sorted(rest) == sorted(["Starting proxy cleanup", *unnumbered * times])
+    is_connecting = "packets" in state.__name__
+    if is_connecting:
+        faults.plan("shutdown", "EBUSY")    # which does not end a connect on some kernels
+    assert agent.stop() < (1.5 if is_connecting and not SANITIZED else STOP_LIMIT)
+    log = [line.partition(" ")[2] for line in agent.log(mark)]
+    assert log[-4].startswith("Final system uptime: ")
+    assert_merged(log[:-4], ["Starting proxy cleanup"], *[[line] for line in unnumbered * count],
+                  *[[f"Stream {number + 1} {line}" for line in lines] for number in range(count)])

@@ -8,28 +8,14 @@ import os
 
 import pytest
 
-from pages import Account, Browser, harness
+from pages import Account, Browser
 from cloudsim.account import self_signed
+from harness import network, rig        # noqa: F401
 
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 FLAGS = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",
          "--disable-dev-shm-usage", "--ignore-certificate-errors", "--window-size=1200,1000")
-ACCOUNT_PORT, CAMERA_WEB_PORT = 8112, 8443
-
-
-@pytest.fixture(scope="session", autouse=True)
-def network():
-    assert harness.BINARY.exists(), f"{harness.BINARY} is not built"
-    harness.enter_network_namespace()
-
-
-@pytest.fixture
-def rig(tmp_path):
-    rig = harness.Rig(tmp_path)
-    yield rig
-    problems = rig.close()
-    assert not problems, "\n".join(problems)
 
 
 @pytest.fixture(scope="session")
@@ -62,11 +48,11 @@ def browser(chromium, rig):
 
 @pytest.fixture
 def account():
-    with Account(ACCOUNT_PORT) as account:
+    with Account(8112) as account:
         yield account
 
 
 @pytest.fixture
 def camera_web():
-    with Account(CAMERA_WEB_PORT, self_signed("127.0.0.1")) as server:
+    with Account(8443, self_signed("127.0.0.1")) as server:
         yield server

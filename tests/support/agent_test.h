@@ -1,6 +1,7 @@
 // What every unit test needs: a fresh process context, the log switched on and captured, tables.
 #pragma once
 
+#include <getopt.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -92,6 +93,20 @@ inline std::vector<Row> rows(const std::string &table) {
     }
   }
   return all;
+}
+
+// The arguments are separated by blanks; "''" is an empty one.
+inline bool load_arguments(const std::string &arguments, AgentConfig *config) {
+  std::string text = "agent " + arguments;
+  std::vector<char *> argv;
+  for (char *word = strtok(text.data(), " "); word; word = strtok(nullptr, " "))
+    argv.push_back(*word == '\'' ? word + 2 : word);
+  const auto count = static_cast<int>(argv.size());
+  argv.push_back(nullptr);
+  // A process loads once; the parser would go on in the middle of an argument that it refused.
+  optind = 0;
+  getopt(1, &argv[argv.size() - 2], "");
+  return config_load(count, argv.data(), config);
 }
 
 // A directory that goes with everything in it.

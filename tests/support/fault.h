@@ -5,7 +5,7 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <sys/resource.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -40,12 +40,9 @@ struct Wrapped {
 
 WRAP(int, setsockopt, (int fd, int level, int option, const void *value, socklen_t size),
      (fd, level, option, value, size))
-WRAP(int, shutdown, (int fd, int how), (fd, how))
+WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),
+     (fd, level, option, value, size))
 WRAP(ssize_t, send, (int fd, const void *data, size_t size, int flags), (fd, data, size, flags))
-WRAP(size_t, fwrite, (const void *data, size_t size, size_t count, FILE *file),
-     (data, size, count, file))
-WRAP(FILE *, fdopen, (int fd, const char *mode), (fd, mode))
-WRAP(int, fsync, (int fd), (fd))
 WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 WRAP(int, ppoll, (pollfd * fds, nfds_t count, const timespec *timeout, const sigset_t *mask),
      (fds, count, timeout, mask))
@@ -58,18 +55,22 @@ WRAP(int, pthread_cond_timedwait,
      (pthread_cond_t * condition, pthread_mutex_t *mutex, const timespec *deadline),
      (condition, mutex, deadline))
 
-// One for all allocations: -1 fails one.
+// One for all that takes memory: -1 fails one.
 inline constinit Wrapped allocation_call(+[] { return 0; });
 
-#define WRAP_ALLOCATION(name, parameters, arguments)                       \
-  extern "C" void *__real_##name parameters;                               \
-  extern "C" __attribute__((used)) inline void *__wrap_##name parameters { \
-    return allocation_call() == 0 ? __real_##name arguments : nullptr;     \
+#define WRAP_ALLOCATION(result, name, parameters, arguments, failure)       \
+  extern "C" result __real_##name parameters;                               \
+  extern "C" __attribute__((used)) inline result __wrap_##name parameters { \
+    return allocation_call() == 0 ? __real_##name arguments : failure;      \
   }
 
-WRAP_ALLOCATION(malloc, (size_t size), (size))
-WRAP_ALLOCATION(calloc, (size_t count, size_t size), (count, size))
-WRAP_ALLOCATION(realloc, (void *old, size_t size), (old, size))
+WRAP_ALLOCATION(void *, malloc, (size_t size), (size), nullptr)
+WRAP_ALLOCATION(void *, calloc, (size_t count, size_t size), (count, size), nullptr)
+WRAP_ALLOCATION(void *, realloc, (void *old, size_t size), (old, size), nullptr)
+WRAP_ALLOCATION(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr)
+WRAP_ALLOCATION(void *, mmap64,
+                (void *at, size_t size, int access, int flags, int fd, off64_t offset),
+                (at, size, access, flags, fd, offset), MAP_FAILED)
 
 // Stands in for a call, on every thread, while it lives; without a result, before the real call.
 template <typename Result, typename... Arguments>
@@ -93,34 +94,6 @@ class Hook {
   Wrapped<Result, Arguments...> &call_;
   const std::function<Result(Arguments...)> stand_in_;
 };
-
-// The nth call fails with an error number.
-template <typename... Arguments>
-class Fault {
- public:
-  Fault(Wrapped<int, Arguments...> &call, int nth, int error)
-      : left_(nth), hook_(call, [this, &call, error](Arguments... arguments) {
-          if (--left_ != 0) return call.real(arguments...);
-          errno = error;
-          return -1;
-        }) {}
-  [[nodiscard]] bool struck() const { return left_ <= 0; }
-
- private:
-  std::atomic<int> left_;
-  Hook<int, Arguments...> hook_;
-};
-
-// Runs body(fault) with the 1st, 2nd, 3rd ... allocation failing, until a run gets through
-// untouched. Returns how many were failed.
-template <typename Body>
-int fail_each_allocation(const Body &body) {
-  for (int nth = 1;; nth++) {
-    const Fault fault(allocation_call, nth, ENOMEM);
-    body(fault);
-    if (!fault.struck()) return nth - 1;
-  }
-}
 
 // What the next sends of the process meet: a failure that passes (f), no room (r), an interruption
 // (i), a connection closed (p) or reset (c), room for some bytes (digits) or for all (w), as from
@@ -162,8 +135,7 @@ class WallClock {
 };
 
 // Stops the monotonic clock. Pauses take no time: they are noted, in milliseconds, and the clock is
-// moved on by them. The agent's `running` is cleared by the pause
-// after `limit` of them.
+// moved on by them. The `limit`th clears the agent's `running`.
 class FrozenClock {
  public:
   explicit FrozenClock(size_t limit = SIZE_MAX)
@@ -198,12 +170,3 @@ class FrozenClock {
   Hook<int, pollfd *, nfds_t, const timespec *, const sigset_t *> main_pause_;
   Hook<int, pthread_cond_t *, pthread_mutex_t *, const timespec *> worker_pause_;
 };
-
-// No file of the process may grow beyond it (EFBIG): 0 is a disk that is full.
-inline void limit_files(rlim_t size) {
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit sizes;
-  getrlimit(RLIMIT_FSIZE, &sizes);
-  sizes.rlim_cur = std::min(size, sizes.rlim_max);
-  setrlimit(RLIMIT_FSIZE, &sizes);
-}

@@ -20,13 +20,12 @@ inline uint16_t port_of(const Fd &socket) {
   return ntohs(address.sin_port);
 }
 
-// Bound to a free port; with a negative backlog it does not listen, so that connections are
-// refused.
+// Listens on a free port.
 inline Fd loopback_socket(int backlog) {
   Fd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_in any = loopback(0);
   EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
-  EXPECT_TRUE(backlog < 0 || listen(socket.get(), backlog) == 0);
+  EXPECT_EQ(listen(socket.get(), backlog), 0);
   return socket;
 }
 

@@ -1,31 +1,9 @@
-#include "core/config.h"
-
-#include <unistd.h>
-
 #include "support/agent_test.h"
 
 using Config = AgentTest;
 
 static constexpr char STARTED[] =
     "[INFO ] Agent version: local_build, starting...\n[INFO ] Debug mode enabled\n";
-
-// The arguments are separated by blanks; "''" is an empty one.
-static bool load(const std::string &arguments, AgentConfig *config) {
-  std::vector<std::string> texts = {"agent"};
-  std::istringstream words(arguments);
-  for (std::string word; words >> word;)
-    texts.push_back(word == "''" ? "" : word);
-  std::vector<char *> argv;
-  for (std::string &text : texts)
-    argv.push_back(text.data());
-  argv.push_back(nullptr);
-  log_enabled = false;
-  // A process loads once; the parser would go on in the middle of an argument that it refused.
-  char *no_arguments[] = {argv[0], nullptr};
-  optind = 0;
-  getopt(1, no_arguments, "");
-  return config_load(static_cast<int>(texts.size()), argv.data(), config);
-}
 
 // The flags are those of debug, groups, http, legacy page, required login and status file.
 static std::string described(const AgentConfig &config) {
@@ -53,7 +31,7 @@ x -c /a -c / -s h:1 -v a -v v -m a -m m -p 1 -p 65535x -f /s -f /t y ->  v m 655
 -dgnlr -c '' -s h:1 -v '' -m '' -p abc -f '' ->    0 010111 h:1
 )")) {
     AgentConfig config;
-    ASSERT_TRUE(load(arguments, &config)) << arguments;
+    ASSERT_TRUE(load_arguments(arguments, &config)) << arguments;
     EXPECT_EQ(described(config), expected) << arguments;
     config_free(&config);
   }
@@ -64,8 +42,9 @@ TEST_F(Config, BadArgumentsLeaveAnEmptyRecord) {
   for (size_t i = 0; i <= MAX_STREAMS; i++)
     many += " -sh:1";
   AgentConfig config;
-  ASSERT_TRUE(load("-c/ -vv -mm" + many.substr(sizeof " -sh:1" - 1), &config));
+  ASSERT_TRUE(load_arguments("-c/ -vv -mm" + many.substr(sizeof " -sh:1" - 1), &config));
   config_free(&config);
+  log.take();
   std::vector<Row> table = rows(R"(
 -sx -vv -> [ERROR] Missing required parameter: config
 -c/ -mm -> [ERROR] Missing required parameter: stream
@@ -86,18 +65,9 @@ TEST_F(Config, BadArgumentsLeaveAnEmptyRecord) {
 )");
   table.push_back({many, "[ERROR] Maximum number of streams exceeded"});
   for (const auto &[arguments, expected] : table) {
-    EXPECT_FALSE(load("-d " + arguments, &config)) << arguments;
+    EXPECT_FALSE(load_arguments("-d " + arguments, &config)) << arguments;
     const std::string lines =
         std::regex_replace(log.take(), std::regex("\\[DEBUG\\] .* set to: .*\n"), "");
     EXPECT_EQ(lines, STARTED + expected + "\n[DEBUG] Freeing configuration resources") << arguments;
   }
-}
-
-TEST_F(Config, EveryFailedAllocationEndsLoadingAndLeaksNothing) {
-  fail_each_allocation([&](const auto &fault) {
-    AgentConfig config;
-    const bool loaded = load("-g -c /c -s h/{1-2} -s h:2/{1-2} -v v -m m -f /s", &config);
-    EXPECT_NE(loaded, fault.struck());
-    config_free(&config);
-  });
 }

@@ -27,15 +27,9 @@ class MonitorTest : public AgentTest {
   }
 
   WallClock clock{START};
-  const TempDir dir;
-  std::string path = dir.file("status");
 };
 
 TEST_F(MonitorTest, OfflineClearsRateAndStreamingButKeepsTotals) {
-  const auto figures = [] {
-    return std::vector<int64_t>{state().streaming_since, int64_t(state().streaming_duration),
-                                int64_t(state().rate), int64_t(state().bytes_total)};
-  };
   // Streaming again without offline in between keeps the first start.
   for (const StreamStatus status : {STREAM_STREAMING, STREAM_CONNECTING, STREAM_STREAMING}) {
     monitor_update_status(1, status);
@@ -43,19 +37,17 @@ TEST_F(MonitorTest, OfflineClearsRateAndStreamingButKeepsTotals) {
     monitor_update_stats(1, 50, 0);
   }
   EXPECT_EQ(monitor_get_streaming_duration(1), 15U);
-  EXPECT_EQ(figures(), (std::vector<int64_t>{START, 15, 10, 150}));
+  EXPECT_TRUE(state().streaming_since == START && state().streaming_duration == 15);
+  EXPECT_TRUE(state().rate == 10 && state().bytes_total == 150);
   monitor_update_status(1, STREAM_OFFLINE);
-  EXPECT_EQ(figures(), (std::vector<int64_t>{0, 0, 0, 150}));
+  EXPECT_TRUE(state().streaming_since == 0 && state().streaming_duration == 0);
+  EXPECT_TRUE(state().rate == 0 && state().bytes_total == 150);
 }
 
 TEST_F(MonitorTest, ErrorsLastUntilTheNextOtherStatus) {
   const std::string text(300, '%');
-  fail_each_allocation([&](const auto &fault) {
-    const bool updated = monitor_update_error(1, -2, text.c_str());
-    EXPECT_NE(updated, fault.struck());
-    EXPECT_EQ(state().status, fault.struck() ? STREAM_OFFLINE : STREAM_ERROR);
-  });
-  EXPECT_TRUE(log.take().ends_with("\n[DEBUG] Stream 1 error: [-2] " + text));
+  EXPECT_TRUE(monitor_update_error(1, -2, text.c_str()));
+  EXPECT_EQ(log.take(), "[DEBUG] Stream 1 error: [-2] " + text);
   monitor_update_status(1, STREAM_ERROR);
   EXPECT_EQ(state().last_error_code, -2);
   EXPECT_EQ(state().last_error_message, std::string(255, '%'));
@@ -82,12 +74,13 @@ TEST_F(MonitorTest, RateIsTheTrafficOfTheLastInterval) {
   }
 }
 
-TEST_F(MonitorTest, StatusFileFollowsTheStreams) {
+TEST_F(MonitorTest, StatusFileSaysWhetherAStreamIsRegistered) {
+  const TempDir dir;
+  std::string path = dir.file("status");
   proxy_context.config.status_file_enabled = 1;
   proxy_context.config.status_file_path = path.data();
-  for (const auto &[update, expected] : rows(R"(
-1 0 -> 0 | 1 1 -> 0 | 3 2 -> 1 | 2 4 -> 1 | 1 3 -> 1 | 3 1 -> 1 | 1 4 -> 0
-)")) {
+  for (const auto &[update, expected] :
+       rows("1 1 -> 0 | 3 2 -> 1 | 1 3 -> 1 | 3 4 -> 1 | 1 4 -> 0")) {
     write_file(path, "longer content");
     EXPECT_TRUE(monitor_update_status(update[0] - '0', StreamStatus(update[2] - '0')));
     EXPECT_EQ(read_file(path), expected) << update;
@@ -95,17 +88,7 @@ TEST_F(MonitorTest, StatusFileFollowsTheStreams) {
   write_file(path, "as it was");
   monitor_update_error(1, 1, "");
   EXPECT_EQ(read_file(path), "as it was");
-  log.take();
-  const std::string failed = "[ERROR] Failed to write to status file " + path + ": ";
-  limit_files(0);
-  EXPECT_TRUE(monitor_write_status_file());
-  limit_files(RLIM_INFINITY);
-  EXPECT_EQ(log.take(), failed + "File too large");
-  EXPECT_TRUE(monitor_remove_status_file());
-  EXPECT_TRUE(std::filesystem::create_directory(path));
-  EXPECT_TRUE(monitor_write_status_file());
-  EXPECT_FALSE(monitor_remove_status_file());
-  EXPECT_TRUE(std::filesystem::is_directory(path));
+  proxy_context.config.status_file_enabled = 0;  // the path ends here
 }
 
 TEST_F(MonitorTest, DurationShowsItsTwoLargestUnits) {

@@ -1,21 +1,19 @@
-#include "support/peers.h"
-#include "web/http_response.h"
+#include "core/clock.h"
+#include "support/agent_test.h"
+#include "web/http_server.h"
 
 using Http = AgentTest;
 
-TEST_F(Http, ErrorsShrinkWithTheMemoryThatIsLeft) {
-  // None for the page; none for a message that is longer than the room of the formatting.
-  const std::string full =
-      "HTTP/1.1 500 Internal Server Error\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n"
-      "Internal Server Error";
-  for (const auto &[nth, expected] :
-       {std::pair{1, full}, {2, full}, {3, "HTTP/1.1 500 Internal Server Error\r\n\r\n"}}) {
-    const TcpPair client;
-    const Fault fault(allocation_call, nth, ENOMEM);
-    http_send_error(client.ours.get(), std::string(2000, 'm').c_str());
-    EXPECT_EQ(get(client.far), expected) << nth;
-  }
-  const StringBuilderOwner page(string_builder_create(16));
-  const Hook no_memory(allocation_call, [] { return -1; });
-  EXPECT_FALSE(http_send_html(1, page.get()) || http_send_json(1, page.get()));
+// Its waits are longer here than the stop may take.
+TEST_F(Http, StopEndsAWait) {
+  std::atomic<bool> waits = false;
+  const Hook polls(poll_call, [&waits](pollfd *fds, nfds_t count, int timeout) {
+    waits = true;
+    return poll_call.real(fds, count, timeout * 80);
+  });
+  ASSERT_TRUE(http_server_start(0, [] { return true; }));
+  EXPECT_TRUE(becomes_true([&waits] { return waits.load(); }));
+  const int64_t began = monotonic_ms();
+  http_server_stop();
+  EXPECT_LT(monotonic_ms() - began, 10'000);
 }

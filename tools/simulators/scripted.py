@@ -1,19 +1,10 @@
 """Scripted peers of the agent, for tests: plain sockets, threads, a deadline on every wait.
 
-All listen on 127.0.0.1, on `port` (0: any free one, then see .port), and are context managers.
-Leaving the `with` block ends their threads and raises the first AssertionError of a behaviour.
-
-ScriptedServer      behaviour(connection) runs on a thread per connection, which closes at its end
-ScriptedBalancer    answers: whole responses as bytes (see http_answer), one per connection, the
-                    last one for all later ones; a callable(connection, request) among them takes
-                    the connection over
-ScriptedCamera      behaviour(connection, request) runs after a handshake answered with 200;
-                    probe, handshake: the answer or a function of the request that gives it, b""
-                    to close without one, None to stay silent; User-Agent tells the probe
-ScriptedCloud       .accept(number) lends the test a registered connection of that stream
-Every call of a Connection, which is one accepted connection, has its deadline.
+All listen on ScriptedServer.host, on `port` (see .port for a free one), and are context managers,
+which raise the first AssertionError of a behaviour at their end.
 """
 
+import contextlib
 import random
 import re
 import socket
@@ -27,61 +18,51 @@ BLANK_LINE = b"\r\n\r\n"
 
 
 class Connection:
+    lent = False            # to a test, which closes it
+    welcome = None          # the behaviour that it got
+
     def __init__(self, sock: socket.socket, timeout: float = 10):
         self.sock = sock
         self.timeout = timeout
         self._held = b""    # received but not yet asked for
 
-    def recv(self, size: int = 65536) -> bytes:
+    def recv(self, size: int = 1 << 20, deadline: float = 0) -> bytes:
         if self._held:
             data, self._held = self._held[:size], self._held[size:]
             return data
-        return self._recv_before(time.monotonic() + self.timeout, size)
-
-    def _recv_before(self, deadline: float, size: int = 65536) -> bytes:
-        self.sock.settimeout(max(deadline - time.monotonic(), 0.001))
+        now = time.monotonic()
         try:
+            self.sock.settimeout(max((deadline or now + self.timeout) - now, 0.001))
             return self.sock.recv(size)
-        except (ConnectionResetError, BrokenPipeError):
-            return b""
         except TimeoutError:
             raise
-        except OSError:      # closed by the test's end
+        except OSError:      # a reset, or closed by the test's end
             return b""
 
     def _fill(self, enough: Callable[[bytearray], int], wanted: str) -> bytes:
         """Receives until `enough` gives the length to take, keeping the rest."""
-        deadline = time.monotonic() + self.timeout
-        data = bytearray(self._held)
-        self._held = b""
+        deadline, data = time.monotonic() + self.timeout, bytearray()
         while (end := enough(data)) < 0:
+            reason = "before the close"
             try:
-                chunk, reason = self._recv_before(deadline, 1 << 20), "before the close"
+                chunk = self.recv(deadline=deadline)
             except TimeoutError:
                 chunk, reason = b"", f"within {self.timeout} s"
-            if not chunk:
-                raise AssertionError(
-                    f"no {wanted} {reason}: got {len(data)} bytes {bytes(data[:300])!r}")
+            assert chunk, f"no {wanted} {reason}: got {len(data)} bytes {bytes(data[:300])!r}"
             data += chunk
         self._held = bytes(data[end:])
         return bytes(data[:end])
 
     def recv_until(self, marker: bytes) -> bytes:
-        def end(data: bytearray) -> int:
-            at = data.find(marker)
-            return at if at < 0 else at + len(marker)
-        return self._fill(end, f"{marker!r}")
+        return self._fill(lambda data: data.find(marker) + len(marker) if marker in data else -1,
+                          f"{marker!r}")
 
     def recv_exactly(self, n: int) -> bytes:
         return self._fill(lambda data: n if len(data) >= n else -1, f"{n} bytes")
 
     def recv_all(self) -> bytes:
-        data = bytearray(self._held)
-        self._held = b""
         deadline = time.monotonic() + self.timeout
-        while chunk := self._recv_before(deadline):
-            data += chunk
-        return bytes(data)
+        return b"".join(iter(lambda: self.recv(deadline=deadline), b""))
 
     def send(self, data: bytes) -> None:
         self.sock.settimeout(self.timeout)
@@ -92,24 +73,18 @@ class Connection:
         assert got == data, f"expected {data[:300]!r}, got {got[:300]!r}"
 
     def expect_closed(self) -> None:
-        try:
-            got = self.recv_all()
-        except TimeoutError:
-            raise AssertionError(f"not closed within {self.timeout} s") from None
+        got = self.recv_all()
         assert not got, f"expected the close, got {got[:300]!r}"
 
     def expect_silence(self, seconds: float) -> None:
-        assert not self._held, f"expected silence, got {self._held[:300]!r}"
-        try:
-            got = self._recv_before(time.monotonic() + seconds)
-        except TimeoutError:
-            return
-        raise AssertionError(f"expected silence, got {got[:300]!r}" if got else "peer closed")
+        with contextlib.suppress(TimeoutError):
+            got = self.recv(deadline=time.monotonic() + seconds)
+            raise AssertionError(f"expected silence, got {got[:300]!r}")    # b"" is the close
 
     def wait_closed(self, timeout: float = 10) -> None:
         deadline = time.monotonic() + timeout
         try:
-            while self._recv_before(deadline):
+            while self.recv(deadline=deadline):
                 pass
         except TimeoutError:
             raise AssertionError("not closed in time") from None
@@ -118,37 +93,33 @@ class Connection:
         self.sock.shutdown(socket.SHUT_WR)
 
     def close(self, reset: bool = False) -> None:
-        try:
+        with contextlib.suppress(OSError):
             if reset:
-                self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                     struct.pack("ii", 1, 0))
+                self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             else:
                 self.sock.shutdown(socket.SHUT_RDWR)   # wakes a thread that is receiving
-        except OSError:
-            pass
         self.sock.close()
 
 
 class ScriptedServer:
+    """The behaviour, which .welcome holds, runs on a thread per connection and may be changed."""
+
+    host = "127.0.0.1"
     connection_type = Connection
 
-    def __init__(self, behaviour: Callable[[Connection], None], port: int = 0,
-                 receive_buffer: int | None = None):
+    def __init__(self, behaviour: Callable[[Connection], None], port: int = 0):
         self.connections: list[Connection] = []
         self.errors: list[AssertionError] = []
-        self.closing = threading.Event()
-        self._behaviour = behaviour
-        self._listener = socket.create_server(("127.0.0.1", port), backlog=128)
-        if receive_buffer:
-            self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self.port: int = self._listener.getsockname()[1]
+        self.welcome = behaviour
+        self.listener = socket.create_server((self.host, port), backlog=128)
+        self.port: int = self.listener.getsockname()[1]
         self._threads = [threading.Thread(target=self._accept, daemon=True)]
         self._threads[0].start()
 
     def _accept(self) -> None:
         while True:
             try:
-                sock, _ = self._listener.accept()
+                sock, _ = self.listener.accept()
             except OSError:
                 return
             sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -159,26 +130,22 @@ class ScriptedServer:
             thread.start()
 
     def _run(self, connection: Connection) -> None:
+        connection.welcome = self.welcome
         try:
-            self._behaviour(connection)
+            connection.welcome(connection)
         except AssertionError as error:
-            if not self.closing.is_set():
+            if self.listener.fileno() >= 0:
                 self.errors.append(error)
         except OSError:
             pass             # the agent went away, or a deadline passed: tests look at the agent
         finally:
-            self.done_with(connection)
-
-    def done_with(self, connection: Connection) -> None:
-        connection.close()
+            if not connection.lent:
+                connection.close()
 
     def close(self) -> None:
-        self.closing.set()
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._listener.close()
+        with contextlib.suppress(OSError):
+            self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
         for connection in list(self.connections):
             connection.close()
         for thread in self._threads:
@@ -193,20 +160,21 @@ class ScriptedServer:
             raise self.errors[0]
 
 
-# Balancer
-
-def http_answer(message: str, status: str = "200 OK", headers: str = "") -> bytes:
+def http_answer(message: str, status: str = "200 OK") -> bytes:
     body = f'{{"message":"{message}"}}'
-    return (f"HTTP/1.1 {status}\r\nContent-Type: application/json\r\n{headers}"
+    return (f"HTTP/1.1 {status}\r\nContent-Type: application/json\r\n"
             f"Content-Length: {len(body)}\r\n\r\n{body}").encode()
 
 
 class ScriptedBalancer(ScriptedServer):
-    def __init__(self, answers: list, port: int = 8111):
+    """Gives its answers one by one, the last one to all later requests. One may be a function of
+    connection and request that returns the answer, or sends one itself."""
+
+    def __init__(self, answers: list):
         self.answers = list(answers)
         self.requests: list[bytes] = []
         self._turn = threading.Lock()
-        super().__init__(self._serve, port)
+        super().__init__(self._serve, 8111)
 
     def _serve(self, connection: Connection) -> None:
         request = connection.recv_until(BLANK_LINE)
@@ -214,27 +182,20 @@ class ScriptedBalancer(ScriptedServer):
             self.requests.append(request)
             answer = self.answers.pop(0) if len(self.answers) > 1 else self.answers[0]
         if callable(answer):
-            answer(connection, request)
-        else:
+            answer = answer(connection, request)
+        if answer is not None:
             connection.send(answer)
             connection.half_close()
             connection.wait_closed()
 
 
-# Camera
-
 class Request:
     def __init__(self, raw: bytes):
         self.raw = raw
-        line = raw.split(b"\r\n", 1)[0].decode("latin-1")
-        self.url = line.partition(" ")[2].rpartition(" ")[0]
-        self.path = "/" + self.url.removeprefix("rtsp://").rpartition("@")[2].partition("/")[2]
+        path = re.match(rb"OPTIONS rtsp://[^/]*(/.*) RTSP", raw)
+        self.path = path[1].decode() if path else "/"
         cseq = re.search(rb"CSeq:\s*(\d+)", raw)
         self.cseq = int(cseq[1]) if cseq else 0
-
-
-Answer = bytes | None | Callable[[Request], bytes | None]
-Behaviour = Callable[[Connection, Request], None]
 
 
 def ok_answer(request: Request) -> bytes:
@@ -248,49 +209,35 @@ def pattern(n: int, seed: int = 0) -> bytes:
     return random.Random(seed).randbytes(n)
 
 
-def silent(connection: Connection, _request: Request) -> None:
-    connection.wait_closed(3600)
-
-
-def echo(connection: Connection, _request: Request) -> None:
-    connection.timeout = 3600
-    while data := connection.recv():
-        connection.send(data)
-
-
-def never_read(connection: Connection, _request: Request) -> None:
-    """Leaves everything unread; ends when the camera is closed."""
+def never_read(connection: Connection, _request: Request | None = None) -> None:
+    """Leaves everything unread; ends when the peer is closed."""
     while connection.sock.fileno() >= 0:
         time.sleep(0.05)
 
 
 class ScriptedCamera(ScriptedServer):
-    def __init__(self, behaviour: Behaviour = silent, port: int = 0):
+    """Answers probe and handshake as these say (a function of the request may; b"" closes, None
+    stays silent); `behaviour` runs after a handshake that was answered with 200."""
+
+    def __init__(self, behaviour: Callable[[Connection, Request], None]):
         self.behaviour = behaviour
-        self.probe: Answer = ok_answer      # both may be changed while the camera runs
-        self.handshake: Answer = ok_answer
+        self.probe = self.handshake = ok_answer     # may be changed while the camera runs
         self.probes: list[Request] = []
         self.requests: list[Request] = []
-        super().__init__(self._serve, port)
+        super().__init__(self._serve)
 
     def url(self, path: str = "/stream", user: str = "") -> str:
         return f"rtsp://{user + '@' if user else ''}127.0.0.1:{self.port}{path}"
 
     def _serve(self, connection: Connection) -> None:
-        data = connection.recv()
-        while data and BLANK_LINE not in data:
-            data += connection.recv()
-        if not data:
-            return
-        end = data.index(BLANK_LINE) + len(BLANK_LINE)
-        request, connection._held = Request(data[:end]), data[end:]
+        request = Request(connection.recv_until(BLANK_LINE))
         is_probe = b"\r\nUser-Agent: Camera Proxy\r\n" in request.raw
         (self.probes if is_probe else self.requests).append(request)
         answer = self.probe if is_probe else self.handshake
         if callable(answer):
             answer = answer(request)
         if answer is None:
-            silent(connection, request)
+            never_read(connection)
         elif answer:
             connection.send(answer)
             if is_probe or b" 200 " not in answer:
@@ -299,22 +246,15 @@ class ScriptedCamera(ScriptedServer):
                 self.behaviour(connection, request)
 
 
-# Cloud
-
 class CloudConnection(Connection):
-    registration = b""
-    fields: dict[str, str] = {}
-    number = 0
-
     def read_registration(self) -> None:
         keys = ("cloudid", "login", "password", "uri", "model", "vendor")
-        form = b"REGISTER={" + b",".join(b'"%s":"(.*)"' % k.encode() for k in keys) + b"}"
-
-        def end(data: bytes) -> int:
-            return len(data) if re.fullmatch(form, data, re.DOTALL) else -1
-        self.registration = self._fill(end, "registration")
-        match = re.fullmatch(form, self.registration, re.DOTALL)
-        self.fields = {k: v.decode("latin-1") for k, v in zip(keys, match.groups())}
+        form = ",".join(f'"{key}":"(?P<{key}>.*)"' for key in keys)
+        match = re.compile(b"REGISTER={%s}" % form.encode(), re.DOTALL).fullmatch
+        self.registration = self._fill(lambda data: len(data) if match(data) else -1,
+                                       "registration")
+        fields = match(self.registration).groupdict()
+        self.fields = {key: value.decode("latin-1") for key, value in fields.items()}
         self.number = int(self.fields["cloudid"].rpartition("/")[2])
 
     def keepalive(self) -> None:
@@ -322,13 +262,13 @@ class CloudConnection(Connection):
         self.expect(b"ok")
 
     def send_options(self, cseq: int = 1, extra: str = "") -> bytes:
-        request = (f"OPTIONS rtsp://127.0.0.1:8554/{self.fields.get('cloudid', '')} RTSP/1.0\r\n"
+        request = ("OPTIONS rtsp://127.0.0.1:8554/x/1 RTSP/1.0\r\n"
                    f"CSeq: {cseq}\r\nUser-Agent: scripted viewer\r\n{extra}\r\n").encode()
         self.send(request)
         return request
 
-    def start_relay(self, cseq: int = 1, extra: str = "") -> bytes:
-        self.send_options(cseq, extra)
+    def start_relay(self, extra: str = "") -> bytes:
+        self.send_options(extra=extra)
         return self.recv_until(BLANK_LINE)
 
 
@@ -337,31 +277,26 @@ class ScriptedCloud(ScriptedServer):
 
     connection_type = CloudConnection
 
-    def __init__(self, port: int = 0, receive_buffer: int | None = None):
+    def __init__(self):
         self._waiting: list[CloudConnection] = []
         self._arrived = threading.Condition()
         self.registered_count = 0
-        super().__init__(self._register, port, receive_buffer)
+        super().__init__(self._register)
 
-    def _register(self, connection: Connection) -> None:
-        assert isinstance(connection, CloudConnection)
+    def _register(self, connection: CloudConnection) -> None:
         connection.read_registration()
+        connection.lent = True
         with self._arrived:
             self._waiting.append(connection)
             self.registered_count += 1
             self._arrived.notify_all()
 
-    def done_with(self, connection: Connection) -> None:
-        """A registered connection is the test's from here on, and stays open."""
-        if not isinstance(connection, CloudConnection) or not connection.fields:
-            connection.close()
-
     def accept(self, number: int | None = None, timeout: float = 10) -> CloudConnection:
-        def of_number() -> CloudConnection | None:
+        def wanted() -> CloudConnection | None:
             return next((c for c in self._waiting if number in (None, c.number)), None)
         with self._arrived:
-            assert self._arrived.wait_for(of_number, timeout), \
-                f"no registration{f' of stream {number}' if number else ''} within {timeout} s"
-            connection = of_number()
+            assert self._arrived.wait_for(wanted, timeout), \
+                f"no registration of stream {number or 'any'} within {timeout} s"
+            connection = wanted()
             self._waiting.remove(connection)
             return connection

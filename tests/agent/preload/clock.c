@@ -24,6 +24,12 @@ struct Shared {             // with the test
 };
 static struct Shared *shared;
 
+#ifdef SYS_clock_gettime64  // 32-bit systems, whose older calls know 32-bit times only
+enum { GETTIME_CALL = SYS_clock_gettime64, PPOLL_CALL = SYS_ppoll_time64 };
+#else
+enum { GETTIME_CALL = SYS_clock_gettime, PPOLL_CALL = SYS_ppoll };
+#endif
+
 __attribute__((constructor)) static void attach(void) {
   const int file = open(getenv("TEST_CLOCK"), O_RDWR);
   shared = mmap(NULL, sizeof *shared, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
@@ -40,7 +46,7 @@ static int64_t joined(const struct timespec *time) {
 
 static int64_t real_time(clockid_t clock) {
   struct timespec now;
-  syscall(SYS_clock_gettime, clock, &now);
+  syscall(GETTIME_CALL, clock, &now);
   return joined(&now);
 }
 
@@ -72,7 +78,7 @@ int pthread_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
 
 static int poll_for(int64_t ns, struct pollfd *fds, nfds_t count, const sigset_t *mask) {
   struct timespec wait = split(ns);
-  return (int)syscall(SYS_ppoll, fds, count, ns < 0 ? NULL : &wait, mask, sizeof(uint64_t));
+  return (int)syscall(PPOLL_CALL, fds, count, ns < 0 ? NULL : &wait, mask, sizeof(uint64_t));
 }
 
 // A pause of the main thread: it may not hurry on while others live by real time.
@@ -89,13 +95,15 @@ int poll(struct pollfd *fds, nfds_t count, int timeout) {
 }
 
 int setsockopt(int socket, int level, int option, const void *value, socklen_t size) {
-  struct timeval time;
+  long time_out[2];  // as every kernel takes it
   if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO)) {
-    time = *(const struct timeval *)value;
-    if (time.tv_sec >= 5 && shared->pace > 1)
-      time = (struct timeval){time.tv_sec / shared->pace,
-                              time.tv_sec % shared->pace * 1000000 / shared->pace};
-    value = &time;
+    const struct timeval *time = value;
+    const int64_t pace = time->tv_sec >= 5 && shared->pace > 1 ? shared->pace : 1;
+    time_out[0] = (long)(time->tv_sec / pace);
+    time_out[1] = (long)((time->tv_sec % pace * 1000000 + time->tv_usec) / pace);
+    option = option == SO_RCVTIMEO ? SO_RCVTIMEO_OLD : SO_SNDTIMEO_OLD;
+    value = time_out;
+    size = sizeof time_out;
   }
   return (int)syscall(SYS_setsockopt, socket, level, option, value, size);
 }
