@@ -74,7 +74,7 @@ prepare() {
 }
 
 agent_is_current() {
-    [[ -x $agent && -z $(find CMakeLists.txt CMakePresets.json cmake src -type f \
+    [[ -x $agent && -x $agent-check && -z $(find CMakeLists.txt CMakePresets.json cmake src -type f \
                               -newer "$agent" -print -quit) ]]
 }
 
@@ -126,15 +126,10 @@ wait_for() {
 wait_for_camera() {
     local registered="registered $cloud_id/1 " place=${camera_url#*://}
     if appears cloud "$registered" $camera_seconds; then return; fi
-    cat >&2 <<EOF
-demo: the camera at ${place##*@} does not answer the agent as it must, usually because
-  - nothing listens at that address and port (554 if none is given), or the host is a name,
-    where only an IPv4 number will do,
-  - no answer comes within 2 s,
-  - it asks for a login already for OPTIONS (401), or
-  - the answer is not "RTSP/1.0 200 OK".
-The agent goes on asking, at least every 12 s; the demo goes on when the camera answers.
-EOF
+    echo "demo: the camera at ${place##*@} does not answer the agent as it must:" >&2
+    "$agent-check" --connect -c "$work" -v Demo -m Cam1 -s "$camera_url" |
+        grep -E '^  (warning|error) +stream' >&2 || true
+    echo "The agent goes on asking, at least every 12 s; the demo goes on when the camera answers." >&2
     until appears cloud "$registered" $((start_seconds - camera_seconds)); do
         if [[ $1 == yes ]]; then fail "the camera did not answer within $start_seconds s"; fi
     done
