@@ -18,6 +18,7 @@ main() {
     for preset in release dev asan tsan; do step "build $preset" build $preset; done
     step "binary" scripts/check_symbols.sh
     step "build settings" check_settings
+    step "builds of makers" scripts/check_build.sh
     step "lint" check_lint
     for preset in dev asan tsan; do step "unit tests, $preset" unit_tests $preset; done
     step "whole agent, links" agent_tests_and_links
@@ -42,6 +43,7 @@ step() {
 check_style() {
     clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/* \
         tests/fuzz/*.cc tests/fuzz/*.h
+    scripts/check_log_lines.py
 }
 
 # Quiet unless it fails.
