@@ -35,6 +35,10 @@ static constexpr int ACCEPT_PAUSE_MS = 100;            // after a failure that i
 
 HttpServer http_server;
 
+// The server thread's own. What a client sends is received here: on the stack it would take a page
+// more of a thread that waits, as the functions below end up in one frame.
+static char receive_buffer[REQUEST_SIZE];
+
 // A connection that is waited for: for its request, or to be closed by the client.
 struct HttpClient {
   Fd socket;
@@ -75,16 +79,15 @@ static const HttpHandler *find_handler(const char *target) {
 // version must be there, but any will do: nothing on the pages changes the device. False without
 // an answer: the client sent nothing.
 static bool http_handle_client(int socket) {
-  char request[REQUEST_SIZE];
-  const ssize_t received = recv(socket, request, sizeof request - 1, 0);
+  const ssize_t received = recv(socket, receive_buffer, sizeof receive_buffer - 1, 0);
   if (received <= 0) return false;
-  request[received] = '\0';
+  receive_buffer[received] = '\0';
 
   // One more than the widths below. A longer target is cut, and then matches no route.
   char method[16];
   char target[256];
   char version[16];
-  if (sscanf(request, "%15s %255s %15s", method, target, version) < 3) {
+  if (sscanf(receive_buffer, "%15s %255s %15s", method, target, version) < 3) {
     http_send_not_found(socket);
     return true;
   }
@@ -128,8 +131,8 @@ static bool answer_client(HttpClient *client) {
 
 // False when the client has closed, or says too much.
 static bool drain_client(HttpClient *client) {
-  char scratch[REQUEST_SIZE];
-  const ssize_t received = recv(client->socket.get(), scratch, sizeof scratch, MSG_DONTWAIT);
+  const ssize_t received =
+      recv(client->socket.get(), receive_buffer, sizeof receive_buffer, MSG_DONTWAIT);
   if (received <= 0) return false;
   client->thrown_away += static_cast<size_t>(received);
   return client->thrown_away < DRAIN_BYTES;
