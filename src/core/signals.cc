@@ -1,3 +1,7 @@
+// glibc's fortified ppoll takes times of 32 bits on 32-bit devices, whatever _TIME_BITS says: the
+// fraction of a second would be lost on little-endian ones, and the whole time on big-endian ones.
+#undef _FORTIFY_SOURCE
+
 #include "core/signals.h"
 
 #include <poll.h>
