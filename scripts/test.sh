@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Everything that must pass, from a fresh clone, as root on Debian 12: style, builds with both
 # compilers, unit tests, whole-agent tests and browser tests, the former two also under the
-# sanitizers, and a short soak. Installs what it lacks. About a quarter of an hour on two cores.
+# sanitizers, a short soak, the other targets and the package. Installs what it lacks. About twenty
+# minutes on two cores.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
+. scripts/steps.sh
 
 python=/usr/bin/python3  # the GStreamer and Selenium bindings belong to the system's interpreter
 export REQUIRE_ALL=1     # a test that lacks a program fails instead of being left out
@@ -28,34 +30,16 @@ main() {
     step "soak" scripts/soak.sh 40s
     step "whole agent, asan" agent_tests asan -m "not heavy"
     step "whole agent, tsan" agent_tests tsan -m "not heavy"
+    step "sizes" scripts/size_report.sh release
+    step "targets" scripts/test_targets.sh
+    step "packages" scripts/test_packages.sh
     echo "everything passed in $SECONDS s"
-}
-
-# step NAME COMMAND...: says what runs and how long it took; a failure ends the script.
-step() {
-    local name=$1 began=$SECONDS
-    shift
-    echo "=== $name"
-    "$@"
-    echo "--- $name: $((SECONDS - began)) s"
 }
 
 check_style() {
     clang-format --dry-run --Werror src/*/*.cc src/*/*.h tests/unit/*.cc tests/support/* \
         tests/fuzz/*.cc tests/fuzz/*.h
     scripts/check_log_lines.py
-}
-
-# Quiet unless it fails.
-build() {
-    local log
-    log=$(mktemp)
-    if ! { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1; then
-        tail -n 60 "$log" >&2
-        rm -f "$log"
-        return 1
-    fi
-    rm -f "$log"
 }
 
 # Values that the agent could not use must stop the configuration, not the device.

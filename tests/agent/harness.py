@@ -37,11 +37,6 @@ _SANITIZERS = set(re.findall(rb"__([at]san)_init", _CODE))
 CHECKER = os.environ.get("AGENT_PREFIX", "").split()
 SANITIZED = bool(_SANITIZERS or CHECKER)
 PRELOADABLE = b"GLIBC_2." in _CODE and not SANITIZED
-EMULATOR, COMPILER = (["qemu-arm-static", "-L", "/usr/arm-linux-gnueabihf"],
-                      ["arm-linux-gnueabihf-gcc", "-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64"]
-                      ) if b"ld-linux-armhf" in _CODE else (
-                      ["qemu-aarch64-static", "-L", "/usr/aarch64-linux-gnu"],
-                      ["aarch64-linux-gnu-gcc"]) if b"ld-linux-aarch64" in _CODE else ([], ["cc"])
 STOP_LIMIT = 4.0 if SANITIZED else 2.0      # seconds from the signal to the exit
 CLOUD_ID = "cloud-id_0001"
 
@@ -50,6 +45,22 @@ SANITIZER_ENVIRONMENT = {"ASAN_OPTIONS": "exitcode=97", "TSAN_OPTIONS": "exitcod
                          "LSAN_OPTIONS": "exitcode=99", "UBSAN_OPTIONS": "print_stacktrace=1"}
 SANITIZER_REPORT = re.compile(r"Sanitizer[:\s]|runtime error:")
 LOG_PREFIX = re.compile(r"^\[\d\d:\d\d:\d\d \d\d-\d\d-\d{4}\] \[(ERROR|INFO |DEBUG)\] ", re.M)
+
+
+def _target() -> tuple[list[str], list[str]]:
+    """What runs a program for another processor, and what compiles libraries for it."""
+    emulator, name = {8: ("mipsel", "mipsel-linux-gnu"), 40: ("arm", "arm-linux-gnueabihf"),
+                      183: ("aarch64", "aarch64-linux-gnu"), 243: ("riscv64", "riscv64-linux-gnu"),
+                      }.get(int.from_bytes(_CODE[18:20], "little"), ("", ""))   # ELF's e_machine
+    if not emulator or os.uname().machine == emulator:
+        return [], ["cc"]
+    if b"/ld-linux.so.3" in _CODE:
+        name = "arm-linux-gnueabi"
+    return ([f"qemu-{emulator}-static", "-L", f"/usr/{name}"],
+            [f"{name}-gcc", "-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64"])
+
+
+EMULATOR, COMPILER = _target()
 
 
 def enter_network_namespace() -> None:
@@ -208,8 +219,8 @@ class Agent:
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def threads(self) -> int:
-        """The agent's own: the thread sanitizer adds one."""
-        return len(os.listdir(f"/proc/{self.pid}/task")) - (b"tsan" in _SANITIZERS)
+        """The agent's own: the thread sanitizer and qemu add one."""
+        return len(os.listdir(f"/proc/{self.pid}/task")) - bool(b"tsan" in _SANITIZERS or EMULATOR)
 
     def memory_kib(self) -> int:
         """Without that of files, whose share depends on other programs."""

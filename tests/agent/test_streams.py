@@ -1,6 +1,6 @@
 """Many streams at once."""
 
-from harness import SANITIZED, STOP_LIMIT, wait_until
+from harness import EMULATOR, SANITIZED, STOP_LIMIT, wait_until
 from scripted import pattern
 
 MAIN, HTTP_SERVER = 1, 1
@@ -28,7 +28,7 @@ def test_64_streams_from_one_option(rig):
     for number, (camera, cloud) in ends.items():
         cloud.expect(pattern(100_000, number))
         camera.expect(pattern(50_000, -number))
-    if not SANITIZED:
+    if not SANITIZED and not EMULATOR:
         assert idle <= 780 and relaying - idle <= 64 * 26, f"{idle} KiB, relaying {relaying}"
     for number in numbers[:32]:
         ends[number][number % 2].close()
