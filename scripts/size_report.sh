@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# size_report.sh [PRESET...] (default: all that are built): the stripped size, and where the processor
-# is this machine's the memory and the wake-ups; status 1 when a limit is missed. Own pages under qemu
-# would be qemu's.
+# size_report.sh [PRESET...] (default: all that are built): the stripped size, and where the
+# processor is this machine's the memory and the wake-ups; status 1 when a limit is missed. Own pages
+# under qemu would be qemu's.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# The builds for other targets, from a fresh clone, as root on Debian 12: warnings, what they need and
-# lack, sizes; then a selection of the whole agent's tests, on static musl natively, on the others
-# under qemu-user. What is slow or knows x86-64's error numbers runs on ARM and AArch64 only. Installs
-# what it lacks. About five minutes on two cores.
+# The builds for other targets, from a fresh clone, as root on Debian 12: warnings, what they need
+# and lack, sizes; then a selection of the whole agent's tests, on static musl natively, on the
+# others under qemu-user. What waits, knows error numbers (MIPS has its own) or preloads a library
+# with atomics of 8 bytes runs on ARMv7 and AArch64 only. Installs what it lacks. About five minutes
+# on two cores.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/packages.sh
