@@ -16,7 +16,7 @@ for preset in "${@:-${all[@]}}"; do
     [[ -f $CAMERA_AGENT || $# -gt 0 ]] || continue
     options=(--size "${size_limit[$preset]}")
     case $preset in
-        release | static) options+=(--idle-1 180 --idle-64 780 --wake-ups 1) ;;
+        release | static) options+=(--idle-1 180 --idle-64 744 --wake-ups 1) ;;
         *) options+=(--size-only) ;;
     esac
     echo "$preset"
