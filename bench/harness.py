@@ -13,13 +13,43 @@ import tempfile
 import time
 from collections.abc import Iterator
 from pathlib import Path
+from string import Template
+from typing import NamedTuple
 
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "bench"
 AGENT = Path(os.environ.get("CAMERA_AGENT", ROOT / "build" / "release" / "camera-agent"))
 STREAMS = 64
 BALANCER_PORT = 8111
+PAGES_PORT = 7999
 KINDS = ("agent", "plain")
+
+
+class Relay(NamedTuple):
+    """How to start a relay. $names in the command and in the files are filled in by Rig."""
+
+    command: str
+    proxy: bool = True    # it listens for the cloud instead of connecting to it
+    file: str = ""        # in this folder; stands filled in in $folder
+    package: str = ""     # has the program, and its version
+
+
+RELAYS = {
+    "agent": Relay("$agent -m bench -v bench -c $folder -s rtsp://127.0.0.1:$camera/{1-$streams} "
+                   "$pages", proxy=False),
+    "plain": Relay("$build/plain_relay $streams $cloud $camera", proxy=False),
+    "control": Relay("$build/plain_relay $streams $cloud $camera", proxy=False),
+    "socat": Relay("socat TCP-LISTEN:$cloud,bind=127.0.0.1,reuseaddr,backlog=256,fork,nodelay "
+                   "TCP:127.0.0.1:$camera,nodelay", package="socat"),
+    "haproxy": Relay("haproxy -db -dS -f $folder/haproxy.cfg", file="haproxy.cfg",
+                     package="haproxy"),
+    "haproxy, splice": Relay("haproxy -db -f $folder/haproxy.cfg", file="haproxy.cfg",
+                             package="haproxy"),
+    "nginx": Relay("nginx -e stderr -p $folder -c $folder/nginx.conf", file="nginx.conf",
+                   package="nginx"),
+    "direct": Relay("sleep infinity"),    # no relay: the cloud connects to the camera
+}
+FIRST_PORT = 7001    # each relay has two of its own, for cloud and camera, in the order above
 INSIDE = "CAMERA_AGENT_BENCH_NETWORK"    # set in the process that has its own network
 
 
@@ -51,31 +81,33 @@ def bring_loopback_up() -> None:
 
 
 class Rig:
-    """A relay process with a load generator of its own; all streams registered.
-
-    Kinds: "agent", "plain", and "control", a second plain relay in the agent's place.
-    """
+    """A relay, started as RELAYS says, with a load generator of its own; all streams registered."""
 
     def __init__(self) -> None:
         self.processes: list[subprocess.Popen] = []
 
-    def set_up(self, kind: str, streams: int, http: bool, niceness: int, config: str) -> None:
-        cloud, camera = (7003, 7004) if kind == "plain" else (7001, 7002)
+    def set_up(self, kind: str, streams: int, http: bool, niceness: int, folder: str) -> None:
+        relay = RELAYS[kind]
+        cloud = FIRST_PORT + 2 * list(RELAYS).index(kind)
+        camera = cloud if kind == "direct" else cloud + 1
+        names = {"agent": AGENT, "build": BUILD, "folder": folder, "streams": streams,
+                 "cloud": cloud, "camera": camera, "pages": f"-p{PAGES_PORT}" if http else "-n"}
+        if relay.file:
+            text = (ROOT / "bench" / relay.file).read_text()
+            Path(folder, relay.file).write_text(Template(text).substitute(names))
+        command = [Template(word).substitute(names) for word in relay.command.split()]
         balancer = BALANCER_PORT if kind == "agent" else 0
-        self.load = self.start([BUILD / "load", streams, cloud, camera, balancer],
+        self.load = self.start([BUILD / "load", streams, cloud, camera, balancer,
+                                *(["connect"] if relay.proxy else [])],
                                stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.answer("ready")
-        command = [BUILD / "plain_relay", streams, cloud, camera]
-        if kind == "agent":
-            command = [AGENT, "-m", "bench", "-v", "bench", "-c", config,
-                       "-s", f"rtsp://127.0.0.1:{camera}/{{1-{streams}}}",
-                       *(["-p", "7005"] if http else ["-n"])]
         begin = time.monotonic_ns()
         self.relay = self.start(["nice", "-n", niceness, *command] if niceness else command)
         self.start_ms = (self.answer("at_ns")["at_ns"] - begin) / 1e6
 
     def start(self, command: list, **pipes) -> subprocess.Popen:
-        process = subprocess.Popen([str(word) for word in command], **pipes)
+        # A group of its own, for the children of a relay.
+        process = subprocess.Popen([str(word) for word in command], process_group=0, **pipes)
         self.processes.append(process)
         return process
 
@@ -92,19 +124,31 @@ class Rig:
         return {key: int(value) for key, _, value in pairs if value}
 
     def memory_kib(self) -> tuple[int, int]:
-        """Own pages, in memory or swapped out, and Pss of the relay."""
-        rollup = Path(f"/proc/{self.relay.pid}/smaps_rollup").read_text()
-        kib = {words[0]: int(words[1]) for words in map(str.split, rollup.splitlines()[1:])}
-        return kib["Anonymous:"] + kib["Swap:"], kib["Pss:"]
+        """Own pages, in memory or swapped out, and Pss of the relay with all its children.
+
+        Pss_Anon counts a page that several of them still share once.
+        """
+        own = pss = 0
+        for pid in process_tree(self.relay.pid):
+            rollup = Path(f"/proc/{pid}/smaps_rollup").read_text()
+            kib = {words[0]: int(words[1]) for words in map(str.split, rollup.splitlines()[1:])}
+            own += kib["Pss_Anon:"] + kib["SwapPss:"]
+            pss += kib["Pss:"]
+        return own, pss
 
     def close(self) -> None:
         for process in reversed(self.processes):
-            process.terminate()
+            os.killpg(process.pid, signal.SIGTERM)
             try:
                 process.wait(5)
             except subprocess.TimeoutExpired:
-                process.kill()
+                os.killpg(process.pid, signal.SIGKILL)
                 process.wait()
+
+
+def process_tree(pid: int) -> list[int]:
+    children = Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+    return [pid, *(each for child in children for each in process_tree(int(child)))]
 
 
 @contextlib.contextmanager

@@ -1,7 +1,10 @@
 // The load generator: balancer, cloud and cameras of one relay process, in one thread around epoll,
 // so light that the relay is what gets measured.
 //
-//   load STREAMS CLOUD_PORT CAMERA_PORT BALANCER_PORT    (balancer 0: none)
+//   load STREAMS CLOUD_PORT CAMERA_PORT BALANCER_PORT [connect]    (balancer 0: none)
+//
+// With `connect` the relay is a proxy that listens at CLOUD_PORT: the cloud connects to it once per
+// relay, and nothing registers. A CLOUD_PORT equal to CAMERA_PORT leaves the relay out.
 //
 // Prints "ready" when it listens and "registered at_ns=..." (monotonic clock) when all streams have
 // registered. Then takes one command per line, answers each with one line of key=value pairs, and
@@ -14,9 +17,11 @@
 //   bulk MS BOTH           as fast as it goes, camera to cloud or (BOTH 1) both ways
 //   end COUNT              the cloud closes that many relays; answers when all of them have
 //                          registered again
+//   cycle MS               opens every relay and closes it as soon as it is established, again and
+//                          again; answers when none is left
 //
-// The last word of each command is the relay's process, whose processor time is read at both ends
-// of the measured time. The cloud's OPTIONS carries the stream's number as CSeq, by which the
+// The last word of each command is the relay's process. Its processor time, with all its child
+// processes, is read at both ends of the measured time. The cloud's OPTIONS carries the stream's number as CSeq, by which the
 // camera knows the stream. Times in ns.
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -68,6 +73,7 @@ struct series {
 
 static int stream_count;
 static int cloud_port;
+static bool connects;  // the cloud connects to the relay, instead of the relay to the cloud
 static int poller;
 static struct connection *cloud[MAX_STREAMS];  // NULL while not connected
 static struct connection *camera[MAX_STREAMS];
@@ -76,6 +82,7 @@ static int64_t again_after[MAX_STREAMS];  // from there to the next registration
 static int registered, established, kept_alive;
 static bool bulk;               // pieces are not looked at
 static uint64_t sent, arrived;  // bytes relayed, both ways together
+static int cycles;              // relays that were opened and closed by the command
 static bool sampling;
 static struct series pieces, last_pieces;  // from send to arrival; last of their frames
 static char bytes[BULK_SIZE];
@@ -106,17 +113,23 @@ static void watch(struct connection *connection, int operation, uint32_t events)
   if (epoll_ctl(poller, operation, connection->fd, &event) != 0) die("epoll_ctl");
 }
 
-static void add_connection(int fd, enum kind kind) {
+static struct connection *add_connection(int fd, enum kind kind) {
   const int on = 1;
   struct connection *connection = calloc(1, sizeof *connection);
   *connection = (struct connection){.fd = fd, .kind = kind, .stream = -1};
   if (kind >= BALANCER) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   watch(connection, EPOLL_CTL_ADD, EPOLLIN);
+  return connection;
+}
+
+static struct sockaddr_in loopback(int port) {
+  struct sockaddr_in address = {.sin_family = AF_INET, .sin_port = htons((uint16_t)port)};
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
 }
 
 static void listen_at(int port, enum kind kind) {
-  struct sockaddr_in address = {.sin_family = AF_INET, .sin_port = htons((uint16_t)port)};
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const struct sockaddr_in address = loopback(port);
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -163,12 +176,29 @@ static void answer_balancer(const struct connection *connection, const char *req
   say(connection, answer);
 }
 
-static void take_registration(struct connection *connection, const char *message) {
-  const char *id = strstr(message, "\"cloudid\"");
-  const int stream = connection->stream = stream_of(id ? id : message, "/");
+static void register_as(int stream, struct connection *connection) {
+  connection->stream = stream;
   connection->phase = REGISTERED;
   cloud[stream] = connection;
   registered++;
+}
+
+// False while nobody listens. The connection counts as the stream's registration.
+static bool connect_stream(int stream) {
+  const struct sockaddr_in address = loopback(cloud_port);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(fd, (const struct sockaddr *)&address, sizeof address) != 0) {
+    close(fd);
+    return false;
+  }
+  register_as(stream, add_connection(fd, CLOUD));
+  return true;
+}
+
+static void take_registration(struct connection *connection, const char *message) {
+  const char *id = strstr(message, "\"cloudid\"");
+  const int stream = stream_of(id ? id : message, "/");
+  register_as(stream, connection);
   if (ended_at[stream]) again_after[stream] = now_ns() - ended_at[stream];
 }
 
@@ -285,15 +315,45 @@ static void pump(int64_t end) {
 // --- Commands ------------------------------------------------------------------------------------
 
 struct meter {
-  clockid_t relay_clock;
   int64_t relay, own, wall;  // ns
   uint64_t arrived;
+  int cycles;
 };
 
+// What a file of /proc/PID says, cut to MESSAGE_SIZE; empty without it.
+static void read_proc(char *text, pid_t pid, const char *name) {
+  char path[64];
+  snprintf(path, sizeof path, "/proc/%d/%s", (int)pid, name);
+  FILE *file = fopen(path, "re");
+  text[file ? fread(text, 1, MESSAGE_SIZE - 1, file) : 0] = '\0';
+  if (file) fclose(file);
+}
+
+// Of a process, its children, and the children that have ended (those only in ticks); 0 of none.
+static int64_t processor_time(pid_t pid) {
+  char text[MESSAGE_SIZE], children[64], *left;
+  struct timespec used;
+  clockid_t clock;
+  long user = 0, system = 0;
+  if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &used) != 0) return 0;
+  read_proc(text, pid, "stat");
+  const char *fields = strrchr(text, ')');  // the name, which may hold anything, ends here
+  if (fields) {
+    sscanf(fields, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %ld %ld", &user, &system);
+  }
+  int64_t sum = used.tv_sec * SECOND + used.tv_nsec;
+  sum += (user + system) * (SECOND / sysconf(_SC_CLK_TCK));
+  snprintf(children, sizeof children, "task/%d/children", (int)pid);
+  read_proc(text, pid, children);
+  for (char *word = strtok_r(text, " ", &left); word; word = strtok_r(NULL, " ", &left))
+    sum += processor_time(atoi(word));
+  return sum;
+}
+
 static struct meter meter_read(pid_t relay) {
-  struct meter meter = {.arrived = arrived, .wall = now_ns()};
-  if (clock_getcpuclockid(relay, &meter.relay_clock) != 0) die("no relay %d", (int)relay);
-  meter.relay = clock_ns(meter.relay_clock);
+  struct meter meter = {.arrived = arrived, .cycles = cycles, .wall = now_ns()};
+  meter.relay = processor_time(relay);
+  if (meter.relay == 0) die("no relay %d", (int)relay);
   meter.own = clock_ns(CLOCK_PROCESS_CPUTIME_ID);
   return meter;
 }
@@ -311,9 +371,9 @@ static uint32_t percentile(struct series *series, unsigned share) {
 
 static void report(const struct meter *start, pid_t relay) {
   const struct meter end = meter_read(relay);
-  printf("bytes=%" PRIu64 " relay_ns=%" PRId64 " own_ns=%" PRId64 " wall_ns=%" PRId64
+  printf("cycles=%d bytes=%" PRIu64 " relay_ns=%" PRId64 " own_ns=%" PRId64 " wall_ns=%" PRId64
          " p50_ns=%" PRIu32 " p99_ns=%" PRIu32 " last_p50_ns=%" PRIu32 " last_p99_ns=%" PRIu32 "\n",
-         end.arrived - start->arrived, end.relay - start->relay, end.own - start->own,
+         end.cycles - start->cycles, end.arrived - start->arrived, end.relay - start->relay, end.own - start->own,
          end.wall - start->wall, percentile(&pieces, 50), percentile(&pieces, 99),
          percentile(&last_pieces, 50), percentile(&last_pieces, 99));
   pieces.count = last_pieces.count = 0;
@@ -398,17 +458,55 @@ static void run_keepalive(void) {
   printf("kept_alive=%d\n", kept_alive);
 }
 
-static void run_open(void) {
+static void ask_for(int stream) {
   char request[MESSAGE_SIZE];
-  for (int i = 0; i < stream_count; i++) {
-    snprintf(request, sizeof request, "OPTIONS rtsp://bench/ RTSP/1.0\r\nCSeq: %d\r\n\r\n", i + 1);
-    if (!cloud[i] || cloud[i]->phase != REGISTERED) continue;
-    say(cloud[i], request);
-    cloud[i]->phase = ASKED;
-    registered--;
-  }
+  if (!cloud[stream] && connects && !connect_stream(stream)) die("connect to the relay");
+  if (!cloud[stream] || cloud[stream]->phase != REGISTERED) return;
+  snprintf(request, sizeof request, "OPTIONS rtsp://bench/ RTSP/1.0\r\nCSeq: %d\r\n\r\n",
+           stream + 1);
+  say(cloud[stream], request);
+  cloud[stream]->phase = ASKED;
+  registered--;
+}
+
+static void run_open(void) {
+  for (int i = 0; i < stream_count; i++)
+    ask_for(i);
   PUMP_UNTIL(established == stream_count);
   printf("established=%d\n", established);
+}
+
+static int streams_connected(void) {
+  int count = 0;
+  for (int i = 0; i < stream_count; i++)
+    count += cloud[i] != NULL;
+  return count;
+}
+
+// One look at all streams: closes what is established, asks for what is not.
+static void turn_cycles(bool ask) {
+  for (int i = 0; i < stream_count; i++) {
+    if (cloud[i] && cloud[i]->phase == RELAYING) {
+      drop(cloud[i]);
+      cycles++;
+    }
+    if (ask) ask_for(i);
+  }
+  pump(now_ns() + SECOND / 1000);
+}
+
+static void run_cycle(int64_t duration, pid_t relay) {
+  const int64_t begin = now_ns(), end = begin + WARM_UP + duration;
+  while (now_ns() < begin + WARM_UP)
+    turn_cycles(true);
+  const struct meter start = meter_read(relay);
+  while (now_ns() < end)
+    turn_cycles(true);
+  report(&start, relay);
+  while (connects ? streams_connected() > 0 : registered < stream_count) {
+    if (now_ns() > end + PATIENCE) die("the last relays have not ended");
+    turn_cycles(false);
+  }
 }
 
 static void run_end(int count) {
@@ -438,6 +536,8 @@ static void run_command(const char *line) {
     run_paced(ms * (SECOND / 1000), rate, number, pid);
   } else if (sscanf(line, "bulk %d %d %d", &ms, &number, &pid) == 3) {
     run_bulk(ms * (SECOND / 1000), number != 0, pid);
+  } else if (sscanf(line, "cycle %d %d", &ms, &pid) == 2) {
+    run_cycle(ms * (SECOND / 1000), pid);
   } else if (sscanf(line, "end %d", &number) == 1) {
     run_end(number);
   } else {
@@ -448,19 +548,28 @@ static void run_command(const char *line) {
 
 int main(int argc, char **argv) {
   char line[256];
-  if (argc != 5) return 2;
+  if (argc < 5) return 2;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   prctl(PR_SET_TIMERSLACK, 1000UL);  // ns; even writes are about 40 us apart
   stream_count = atoi(argv[1]);
   cloud_port = atoi(argv[2]);
+  connects = argc > 5;
   poller = epoll_create1(EPOLL_CLOEXEC);
-  listen_at(cloud_port, LISTEN_CLOUD);
+  if (!connects) listen_at(cloud_port, LISTEN_CLOUD);
   listen_at(atoi(argv[3]), LISTEN_CAMERA);
   if (atoi(argv[4]) != 0) listen_at(atoi(argv[4]), LISTEN_BALANCER);
   printf("ready\n");
   fflush(stdout);
 
-  PUMP_UNTIL(registered == stream_count);
+  if (connects) {
+    for (const int64_t end = now_ns() + PATIENCE; !connect_stream(0);) {
+      if (now_ns() > end) die("nobody listens at %d", cloud_port);
+      pump(now_ns() + SECOND / 1000);
+    }
+    drop(cloud[0]);
+  } else {
+    PUMP_UNTIL(registered == stream_count);
+  }
   printf("at_ns=%" PRId64 "\n", now_ns());
   fflush(stdout);
   while (fgets(line, sizeof line, stdin))

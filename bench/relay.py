@@ -25,9 +25,9 @@ WORKLOADS = {
 Run = dict[str, int]
 
 
-def interleave(kinds: tuple[str, str], streams: int, niceness: int, command: str, rounds: int,
-               pairs: int) -> list[tuple[Run, Run]]:
-    """Runs of both kinds, by turns; both relays stand ready, the one not asked sleeps.
+def interleave(kinds: tuple[str, ...], streams: int, niceness: int, command: str, rounds: int,
+               turns: int) -> list[dict[str, Run]]:
+    """Runs of all kinds, by turns; all relays stand ready, those not asked sleep.
 
     Each round takes fresh processes, started in the other order: where pages and threads happen to
     land stays with a process.
@@ -40,10 +40,9 @@ def interleave(kinds: tuple[str, str], streams: int, niceness: int, command: str
                     for kind in starts}
             for each in rigs.values():
                 each.ask("open")
-            for pair in range(pairs):
-                order = starts if pair % 2 == 0 else starts[::-1]
-                pair_runs = {kind: rigs[kind].ask(command) for kind in order}
-                runs.append((pair_runs[kinds[0]], pair_runs[kinds[1]]))
+            for turn in range(turns):
+                order = starts if turn % 2 == 0 else starts[::-1]
+                runs.append({kind: rigs[kind].ask(command) for kind in order})
     return runs
 
 
@@ -51,7 +50,7 @@ def cost(run: Run) -> float:
     return run["relay_ns"] / run["bytes"]
 
 
-def show(kinds: tuple[str, str], title: str, runs: list[tuple[Run, Run]], limit: float,
+def show(kinds: tuple[str, str], title: str, runs: list[dict[str, Run]], limit: float,
          latencies: dict[str, str], verdicts: Verdicts) -> None:
     figures = {"processor time, ns/byte": cost,
                "throughput, Mbit/s": lambda run: run["bytes"] * 8e3 / run["wall_ns"],
@@ -61,8 +60,8 @@ def show(kinds: tuple[str, str], title: str, runs: list[tuple[Run, Run]], limit:
         figures[f"latency, {name}, us"] = lambda run, key=key: run[key] / 1e3
     print(f"{title}, {len(runs)} pairs\n{kinds[0]:>40}{kinds[1]:>10}     ratio")
     for name, value in figures.items():
-        one, other = (statistics.median(value(pair[side]) for pair in runs) for side in (0, 1))
-        ratios = [value(pair[0]) / value(pair[1]) for pair in runs]
+        one, other = (statistics.median(value(pair[kind]) for pair in runs) for kind in kinds)
+        ratios = [value(pair[kinds[0]]) / value(pair[kinds[1]]) for pair in runs]
         low, middle, high = statistics.quantiles(ratios, n=4, method="inclusive")
         is_limited = value is cost and kinds[0] == "agent"
         verdicts.figure(f"{name:<30}{one:>8.2f}{other:>10.2f}", middle, "",
