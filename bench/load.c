@@ -21,8 +21,8 @@
 //                          again; answers when none is left
 //
 // The last word of each command is the relay's process. Its processor time, with all its child
-// processes, is read at both ends of the measured time. The cloud's OPTIONS carries the stream's number as CSeq, by which the
-// camera knows the stream. Times in ns.
+// processes, is read at both ends of the measured time. The cloud's OPTIONS carries the stream's
+// number as CSeq, by which the camera knows the stream. Times in ns.
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <errno.h>
@@ -373,9 +373,9 @@ static void report(const struct meter *start, pid_t relay) {
   const struct meter end = meter_read(relay);
   printf("cycles=%d bytes=%" PRIu64 " relay_ns=%" PRId64 " own_ns=%" PRId64 " wall_ns=%" PRId64
          " p50_ns=%" PRIu32 " p99_ns=%" PRIu32 " last_p50_ns=%" PRIu32 " last_p99_ns=%" PRIu32 "\n",
-         end.cycles - start->cycles, end.arrived - start->arrived, end.relay - start->relay, end.own - start->own,
-         end.wall - start->wall, percentile(&pieces, 50), percentile(&pieces, 99),
-         percentile(&last_pieces, 50), percentile(&last_pieces, 99));
+         end.cycles - start->cycles, end.arrived - start->arrived, end.relay - start->relay,
+         end.own - start->own, end.wall - start->wall, percentile(&pieces, 50),
+         percentile(&pieces, 99), percentile(&last_pieces, 50), percentile(&last_pieces, 99));
   pieces.count = last_pieces.count = 0;
 }
 

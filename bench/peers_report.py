@@ -65,8 +65,8 @@ def plot(table: dict, path: Path) -> None:
         draw(panel, figure, table[figure])
     for panel in list(panels.flat)[len(figures):]:
         panel.set_visible(False)
-    canvas.suptitle("The agent's relay beside others: shorter bars are better, "
-                    "but for relays opened and closed a second", fontsize=13, x=0.5)
+    canvas.suptitle("The agent's relay beside others (shorter bars are better, if not noted)",
+                    fontsize=13)
     canvas.tight_layout(rect=(0, 0, 1, 0.985))
     canvas.savefig(path, dpi=90)
 
