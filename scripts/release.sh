@@ -15,6 +15,8 @@ packaged=(release arm aarch64)
 others=(armel mipsel riscv64 static arm-static)
 
 main() {
+    # The sources in dist/ are those of the commit: the programs must be, too.
+    git diff --quiet HEAD || { echo "release.sh: there are changes without a commit" >&2; exit 1; }
     ensure_packages cmake ninja-build g++ clang binutils dpkg-dev file gzip musl-tools libc++-14-dev \
         g++-arm-linux-gnueabihf g++-aarch64-linux-gnu g++-arm-linux-gnueabi g++-mipsel-linux-gnu \
         g++-riscv64-linux-gnu
@@ -27,13 +29,19 @@ main() {
         >"dist/camera-agent-$version.tar.gz"
     scripts/sbom.py "$version" dist/* >"dist/camera-agent-$version.spdx.json.new"
     mv "dist/camera-agent-$version.spdx.json.new" "dist/camera-agent-$version.spdx.json"
+    scripts/check_sbom.py "dist/camera-agent-$version.spdx.json" "$version"
     (cd dist && sha256sum -- * >../SHA256SUMS.new && mv ../SHA256SUMS.new SHA256SUMS)
     ls -l dist
 }
 
 # release_target PRESET [CMAKE-OPTION...]: an archive of programs, and for some a package
 release_target() {
-    local preset=$1 build=build/release-$1 name=camera-agent-$version-$1
+    local preset=$1 build=build/release-$1 target=$1 name
+    case $preset in
+        release) target=x86_64 ;;
+        static) target=x86_64-static ;;
+    esac
+    name=camera-agent-$version-$target
     shift
     echo "=== $preset"
     cmake --fresh --preset "$preset" -B "$build" -DCAMERA_AGENT_VERSION="$version" "$@" >/dev/null
