@@ -78,6 +78,8 @@ def allow_only_role(factory: ClipFactory) -> None:
 
 def main() -> int:
     parser = argparse.ArgumentParser(description="Serves the clip as an RTSP camera.")
+    parser.add_argument("--host", default="127.0.0.1",
+                        help="address to listen on (default: %(default)s)")
     parser.add_argument("--port", type=int, default=5540, help="default: %(default)s")
     parser.add_argument("--path", default="/stream",
                         help="mount point; with several streams followed by 1, 2, ... "
@@ -90,7 +92,7 @@ def main() -> int:
     Gst.init(None)
     units = access_units(CLIP.read_bytes())
     server = GstRtspServer.RTSPServer()
-    server.set_address("127.0.0.1")
+    server.set_address(options.host)
     server.set_service(str(options.port))
     if options.user:
         require_digest(server, options.user, options.password)
@@ -102,14 +104,14 @@ def main() -> int:
             allow_only_role(factory)
         server.get_mount_points().add_factory(path, factory)
     if server.attach(None) == 0:
-        print(f"camera: cannot listen on 127.0.0.1:{options.port}", file=sys.stderr)
+        print(f"camera: cannot listen on {options.host}:{options.port}", file=sys.stderr)
         return 1
 
     loop = GLib.MainLoop()
     for number in (signal.SIGINT, signal.SIGTERM):
         GLib.unix_signal_add(GLib.PRIORITY_HIGH, number, loop.quit)
     for path in paths:
-        print(f"ready rtsp://127.0.0.1:{options.port}{path}", flush=True)
+        print(f"ready rtsp://{options.host}:{options.port}{path}", flush=True)
     loop.run()
     print("stopped", flush=True)
     return 0
