@@ -197,8 +197,8 @@ cloud() {
 
 # camera [COMMAND...]: the page's
 camera() {
-    "$@" $python tools/simulators/camera.py --port 554 --path /live --user user --password password \
-        >"$work/camera" 2>&1 &
+    "$@" $python tools/simulators/camera.py --port 554 --path /live --user user \
+        --password password >"$work/camera" 2>&1 &
     within 30 "the camera" grep -q ^ready "$work/camera"
 }
 
