@@ -28,8 +28,8 @@ class Workload(NamedTuple):
 WORKLOADS = {
     "bulk, 1 stream": Workload(1, 19, "bulk {ms} 0", 4),
     "bulk, 8 streams": Workload(8, 19, "bulk {ms} 0", 4),
-    "paced": Workload(STREAMS, 0, "paced {ms} 357 1", 4),
-    "frames": Workload(STREAMS, 0, "paced {ms} 25 14", 4),
+    "paced": Workload(STREAMS, 0, "paced {ms} 357 1", 8),
+    "frames": Workload(STREAMS, 0, "paced {ms} 25 14", 8),
     "cycles": Workload(STREAMS, 0, f"cycle {CYCLE_MS}", 2),
 }
 

@@ -14,15 +14,13 @@ HIGHLIGHT, PLAIN, PEER = "#d9480f", "#adb5bd", "#4a7ba6"
 
 
 def machine() -> str:
-    """Taken before the run: what the others did on the machine then is part of it."""
     packages = sorted({relay.package for relay in RELAYS.values() if relay.package})
     versions = subprocess.run(["dpkg-query", "-W", "-f", "${Package} ${Version}, ", *packages],
                               check=False, capture_output=True, text=True).stdout
     version = subprocess.run([AGENT, "-V"], check=False, capture_output=True, text=True)
     agent = (version.stdout + version.stderr).split("\n")[0]
     return (f"Linux {platform.release()}, {platform.machine()}, {os.cpu_count()} processors, "
-            f"{platform.libc_ver()[0]} {platform.libc_ver()[1]}; {versions}agent `{agent}`. "
-            f"Load average before the run: {os.getloadavg()[0]:.1f}.")
+            f"{platform.libc_ver()[0]} {platform.libc_ver()[1]}; {versions}agent `{agent}`.")
 
 
 def row(cells: list[str]) -> str:
