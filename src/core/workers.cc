@@ -74,10 +74,11 @@ static int create_detached(void *(*body)(void *), void *argument) {
   return result;
 }
 
+// Only tear-down waits for the last one. Told of every one, all streams that pause would wake up
+// each time that a relay ends.
 static void worker_left() {
   const ScopedLock lock(&workers.lock);
-  workers.live--;
-  pthread_cond_broadcast(&workers.changed);
+  if (--workers.live == 0) pthread_cond_broadcast(&workers.changed);
 }
 
 int worker_start(void *(*body)(void *), void *argument) {
