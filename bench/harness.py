@@ -34,11 +34,12 @@ class Relay(NamedTuple):
     package: str = ""     # has the program, and its version
 
 
+PLAIN = Relay("$build/plain_relay $streams $cloud $camera", proxy=False)
 RELAYS = {
     "agent": Relay("$agent -m bench -v bench -c $folder -s rtsp://127.0.0.1:$camera/{1-$streams} "
                    "$pages", proxy=False),
-    "plain": Relay("$build/plain_relay $streams $cloud $camera", proxy=False),
-    "control": Relay("$build/plain_relay $streams $cloud $camera", proxy=False),
+    "plain": PLAIN,
+    "control": PLAIN,    # in the agent's place
     "socat": Relay("socat TCP-LISTEN:$cloud,bind=127.0.0.1,reuseaddr,backlog=256,fork,nodelay "
                    "TCP:127.0.0.1:$camera,nodelay", package="socat"),
     "haproxy": Relay("haproxy -db -dS -f $folder/haproxy.cfg", file="haproxy.cfg",

@@ -1,8 +1,8 @@
 # cmake -DOUT=file -DSTYLE_SHEET_SIZE=bytes -DFOLDER=folder -P embed_text.cmake
 #
-# Writes one raw literal per file of the folder, named after it: style.css becomes ASSET_STYLE_CSS. A file's last
-# line feed is dropped. Raw literals keep the generated file readable, byte for byte; a text must
-# not hold the closing mark ")ASSET" followed by a double quote.
+# Writes one raw literal per file of the folder, named after it: style.css becomes ASSET_STYLE_CSS.
+# A file's last line feed is dropped. Raw literals keep the generated file readable, byte for byte; a
+# text must not hold the closing mark ")ASSET" followed by a double quote.
 set(texts "// Generated from src/web/assets; edit the files there.\n#include \"web/assets.h\"\n")
 include(${CMAKE_CURRENT_LIST_DIR}/glob.cmake)
 agent_glob(files ${FOLDER} *)

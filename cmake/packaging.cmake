@@ -1,16 +1,13 @@
-# What is installed where, and the Debian packages. Components: "runtime" belongs on every device;
-# "system" is what a machine with systemd has besides, with the paths of CMAKE_INSTALL_PREFIX (set it when
-# you configure: the unit names it); "debian" is the same for /usr, as packages have it, by cpack alone.
+# Where PROGRAMS and what belongs to them is installed, and the Debian packages. Components: "runtime"
+# belongs on every device; "system" is what a machine with systemd has besides, with the paths of
+# CMAKE_INSTALL_PREFIX (set it when you configure: the unit names it); "debian" is the same for /usr, as
+# packages have it, by cpack alone.
 set(CMAKE_INSTALL_DOCDIR share/doc/camera-agent CACHE PATH "Documentation, below the prefix")
 include(GNUInstallDirs)
 
 set(PACKAGING ${CMAKE_CURRENT_SOURCE_DIR}/packaging)
 set(PACKAGED ${CMAKE_CURRENT_BINARY_DIR}/packaging)
 
-set(PROGRAMS camera-agent)
-if(TARGET camera-agent-check)
-  list(APPEND PROGRAMS camera-agent-check)
-endif()
 install(TARGETS ${PROGRAMS} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
 
 # packaged_gzip(<from> <name>): without name and time, so that two builds are the same.
